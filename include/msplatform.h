@@ -1,0 +1,9 @@
+// msplatform: the platform layer of the media server.
+//
+// One header for all of it: the shared configuration, the event logger, the language and media format
+// tables, and what they rest on (the lock across processes, threads, events, the directory walker, text
+// conversion, the XML parser, MD5 and UUIDs). Each module also has its own header under msplatform/.
+#pragma once
+
+#include "msplatform/export.h"
+#include "msplatform/stringUtils.h"

@@ -1,0 +1,132 @@
+#include "support/support.h"
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace msptest {
+
+namespace {
+
+std::string TempRoot() {
+    const char* dir = std::getenv("TMPDIR");
+    return dir && *dir ? dir : "/tmp";
+}
+
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+    ::remove(path);
+    return 0;
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+    std::string pattern = TempRoot() + "/msplatform-test-XXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    if (!::mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
+    path_ = buf.data();
+}
+
+TempDir::~TempDir() { ::nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS); }
+
+ScopedChdir::ScopedChdir(const std::string& dir) {
+    char buf[4096];
+    if (!::getcwd(buf, sizeof buf)) throw std::runtime_error("getcwd failed");
+    previous_ = buf;
+    if (::chdir(dir.c_str()) != 0) throw std::runtime_error("chdir failed: " + dir);
+}
+
+ScopedChdir::~ScopedChdir() {
+    if (::chdir(previous_.c_str()) != 0) std::abort();
+}
+
+pid_t StartChild(const std::function<int()>& body) {
+    std::fflush(nullptr);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        int rc = 111;
+        try {
+            rc = body();
+        } catch (...) {
+        }
+        std::fflush(nullptr);
+        ::_exit(rc);
+    }
+    return pid;
+}
+
+int WaitChild(pid_t pid, int timeoutMs) {
+    if (pid <= 0) return kChildSignalled;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    int status = 0;
+    for (;;) {
+        pid_t r = ::waitpid(pid, &status, WNOHANG);
+        if (r == pid) break;
+        if (r < 0) return kChildSignalled;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, &status, 0);
+            return kChildTimedOut;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    return kChildSignalled;
+}
+
+int RunChild(const std::function<int()>& body, int timeoutMs) { return WaitChild(StartChild(body), timeoutMs); }
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+bool FileExists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+CaptureFd::CaptureFd(int fd) : fd_(fd) {
+    std::string pattern = TempRoot() + "/msplatform-capture-XXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    int tmp = ::mkstemp(buf.data());
+    if (tmp < 0) throw std::runtime_error("mkstemp failed");
+    path_ = buf.data();
+    std::fflush(nullptr);
+    saved_ = ::dup(fd_);
+    ::dup2(tmp, fd_);
+    ::close(tmp);
+}
+
+CaptureFd::~CaptureFd() {
+    Finish();
+    ::unlink(path_.c_str());
+}
+
+std::string CaptureFd::Finish() {
+    if (saved_ < 0) return {};
+    std::fflush(nullptr);
+    ::dup2(saved_, fd_);
+    ::close(saved_);
+    saved_ = -1;
+    return ReadFile(path_);
+}
+
+}  // namespace msptest

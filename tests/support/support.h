@@ -1,0 +1,72 @@
+// Helpers shared by the test binaries: temporary directories, children with a time-out, file contents and
+// capture of the standard streams.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+namespace msptest {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with everything in it at the end of the scope.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+// Changes the working directory for the scope and restores the previous one.
+class ScopedChdir {
+public:
+    explicit ScopedChdir(const std::string& dir);
+    ~ScopedChdir();
+    ScopedChdir(const ScopedChdir&) = delete;
+    ScopedChdir& operator=(const ScopedChdir&) = delete;
+
+private:
+    std::string previous_;
+};
+
+// Forks a child that runs `body` and ends with _exit(body()): a child must never run the static destructors,
+// which would remove the shared semaphores for the parent too. Returns the child's pid.
+pid_t StartChild(const std::function<int()>& body);
+
+// Waits for a child at most `timeoutMs`. Returns its exit status; kChildTimedOut after killing a child that
+// outlived the time-out; kChildSignalled when a signal ended it.
+constexpr int kChildTimedOut = -1000;
+constexpr int kChildSignalled = -1001;
+int WaitChild(pid_t pid, int timeoutMs);
+
+// StartChild and WaitChild in one.
+int RunChild(const std::function<int()>& body, int timeoutMs);
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& bytes);
+bool FileExists(const std::string& path);
+
+// Redirects a file descriptor (1 or 2) into a temporary file until Finish, which returns what was written.
+class CaptureFd {
+public:
+    explicit CaptureFd(int fd);
+    ~CaptureFd();
+    CaptureFd(const CaptureFd&) = delete;
+    CaptureFd& operator=(const CaptureFd&) = delete;
+
+    std::string Finish();
+
+private:
+    int fd_;
+    int saved_ = -1;
+    std::string path_;
+};
+
+}  // namespace msptest

@@ -6,4 +6,5 @@
 #pragma once
 
 #include "msplatform/export.h"
+#include "msplatform/mutex.h"
 #include "msplatform/stringUtils.h"

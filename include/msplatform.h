@@ -7,4 +7,6 @@
 
 #include "msplatform/export.h"
 #include "msplatform/mutex.h"
+#include "msplatform/cfgCtrlMgr.h"
+#include "msplatform/ZvCfgCtrlMgr.h"
 #include "msplatform/stringUtils.h"

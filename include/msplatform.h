@@ -8,3 +8,4 @@
 #include "msplatform/export.h"
 #include "msplatform/stringUtils.h"
 #include "msplatform/unicode.h"
+#include "msplatform/zvString.h"

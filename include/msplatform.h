@@ -10,3 +10,5 @@
 #include "msplatform/cfgCtrlMgr.h"
 #include "msplatform/ZvCfgCtrlMgr.h"
 #include "msplatform/stringUtils.h"
+#include "msplatform/unicode.h"
+#include "msplatform/zvString.h"

@@ -1,7 +1,204 @@
 #include "msplatform/stringUtils.h"
 
+#include <limits.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <strings.h>
 
-int StrCaseCmp(const char* a, const char* b) { return ::strcasecmp(a, b); }
+#include "stringUtils/linux/internal.h"
 
-int StrnCaseCmp(const char* a, const char* b, size_t length) { return ::strncasecmp(a, b, length); }
+namespace mspstring {
+void* (*allocate)(size_t size) = ::malloc;
+}  // namespace mspstring
+
+int StrCaseCmp(const char* a, const char* b) {
+    return ::strcasecmp(a, b);
+}
+
+int StrnCaseCmp(const char* a, const char* b, size_t length) {
+    return ::strncasecmp(a, b, length);
+}
+
+namespace {
+
+// Bytes that HTTPUrlEscape lets stand for themselves.
+bool isUrlSafe(unsigned char c) {
+    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
+    switch (c) {
+        case '/':
+        case '@':
+        case ';':
+        case ':':
+        case '=':
+        case '+':
+        case '$':
+        case '-':
+        case '_':
+        case '.':
+        case '*':
+            return true;
+        default:
+            return false;
+    }
+}
+
+int hexValue(unsigned char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// The stream's size by seeking to its end, or -1 if it can't be told (a pipe, a device) or doesn't fit the
+// signed 32-bit count. On the target ftell itself fails beyond 2 GiB; elsewhere the limit is kept here.
+long streamSize(FILE* file) {
+    if (::fseek(file, 0, SEEK_END) != 0) return -1;
+    const long size = ::ftell(file);
+    if (size < 0 || static_cast<unsigned long>(size) > static_cast<unsigned long>(INT32_MAX)) return -1;
+    if (::fseek(file, 0, SEEK_SET) != 0) return -1;
+    return size;
+}
+
+}  // namespace
+
+extern "C" {
+
+int IndexOf(const char* text, const char* needle) {
+    // Nothing is found in an empty text, not even the empty needle.
+    if (*text == '\0') return -1;
+    const char* found = ::strstr(text, needle);
+    return found != nullptr ? static_cast<int>(found - text) : -1;
+}
+
+int LastIndexOf(const char* text, const char* needle) {
+    const size_t n = ::strlen(text);
+    const size_t m = ::strlen(needle);
+    if (m > n) return -1;
+    if (m == 0) return static_cast<int>(n);
+    for (size_t position = n - m + 1; position-- > 0;) {
+        if (text[position] == needle[0] && ::memcmp(text + position, needle, m) == 0) {
+            return static_cast<int>(position);
+        }
+    }
+    return -1;
+}
+
+char* MakeStrcpy(const char* text) {
+    if (text == nullptr) text = "";
+    const size_t size = ::strlen(text) + 1;
+    char* copy = static_cast<char*>(mspstring::allocate(size));
+    if (copy != nullptr) ::memcpy(copy, text, size);
+    return copy;
+}
+
+void StrChomp(char* text) {
+    text[::strcspn(text, "\r\n")] = '\0';
+}
+
+char* cpyfilebuf(const char* path, int* count) {
+    FILE* file = nullptr;
+    char* buffer = nullptr;
+    try {
+        file = ::fopen64(path, "rb");
+        if (file == nullptr) throw "File open error !!!";
+        const long size = streamSize(file);
+        if (size >= 0) {
+            buffer = static_cast<char*>(mspstring::allocate(static_cast<size_t>(size) + 1));
+            if (buffer == nullptr) throw "Not enough memory found !!!";
+            // Only the byte behind the content needs clearing: a short read gives the buffer up.
+            buffer[size] = '\0';
+            const size_t got = ::fread(buffer, 1, static_cast<size_t>(size), file);
+            if (count != nullptr) *count = static_cast<int>(got);
+            if (got < static_cast<size_t>(size)) {
+                ::free(buffer);
+                buffer = nullptr;
+            }
+        }
+    } catch (...) {
+        // Failures are the caller's null result, never a message.
+    }
+    if (file != nullptr) ::fclose(file);
+    return buffer;
+}
+
+char* GetFileExtension(char* path) {
+    if (path == nullptr) return nullptr;
+    for (char* p = path + ::strlen(path); p-- != path;) {
+        if (*p == '.') return p;
+        if (*p == '/' || *p == '\\') return nullptr;
+    }
+    return nullptr;
+}
+
+int StartsWith(const char* text, const char* prefix, int ignoreCase) {
+    const size_t m = ::strlen(prefix);
+    const int diff = ignoreCase != 0 ? StrnCaseCmp(text, prefix, m) : ::strncmp(text, prefix, m);
+    return diff == 0 ? 1 : 0;
+}
+
+int EndsWith(const char* text, const char* suffix, int ignoreCase) {
+    const size_t n = ::strlen(text);
+    const size_t m = ::strlen(suffix);
+    if (m > n) return 0;
+    const char* tail = text + (n - m);
+    const int diff = ignoreCase != 0 ? StrnCaseCmp(tail, suffix, m) : ::strncmp(tail, suffix, m);
+    return diff == 0 ? 1 : 0;
+}
+
+int HTTPUrlEscape(char* destination, const char* source) {
+    static const char kHex[] = "0123456789ABCDEF";
+    char* out = destination;
+    for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
+        if (isUrlSafe(*in)) {
+            *out++ = static_cast<char>(*in);
+        } else {
+            out[0] = '%';
+            out[1] = kHex[*in >> 4];
+            out[2] = kHex[*in & 0x0F];
+            out += 3;
+        }
+    }
+    *out++ = '\0';
+    return static_cast<int>(out - destination);
+}
+
+int HTTPUrlEscapeLength(const char* source) {
+    int length = 1;
+    for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
+        length += isUrlSafe(*in) ? 1 : 3;
+    }
+    return length;
+}
+
+int HTTPUrlUnEscape(char* text) {
+    const size_t length = ::strlen(text);
+    size_t read = 0;
+    size_t write = 0;
+    while (read < length) {
+        if (text[read] != '%') {
+            text[write++] = text[read++];
+            continue;
+        }
+        // The pair ends at the terminator; the write position never passes the read position, so the bytes
+        // read here are still the original ones.
+        const unsigned char first = static_cast<unsigned char>(text[read + 1]);
+        const unsigned char second = first != 0 ? static_cast<unsigned char>(text[read + 2]) : 0;
+        const int high = hexValue(first);
+        const int low = hexValue(second);
+        long value;
+        if (high >= 0 && low >= 0) {
+            value = high * 16 + low;
+        } else {
+            // Blanks, signs, single digits and "0x": strtol decides.
+            const char pair[3] = {static_cast<char>(first), static_cast<char>(second), '\0'};
+            value = ::strtol(pair, nullptr, 16);
+        }
+        text[write++] = static_cast<char>(value & 0xFF);
+        read += 3;
+    }
+    return static_cast<int>(write);
+}
+
+}  // extern "C"

@@ -23,6 +23,34 @@ int StrnCaseCmp(const char* a, const char* b, size_t length) {
 
 namespace {
 
+// Bytes that the URI form lets stand for themselves.
+bool isUriSafe(unsigned int c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+           c == '/' || c == ':' || c == '_' || c == '?';
+}
+
+// The bytes a UTF-8 sequence takes by its lead, as the conversions count them: continuation bytes count as
+// two-byte leads, and 0xF8 to 0xFF are passed over like four-byte leads.
+int sequenceLength(unsigned char lead) {
+    if (lead < 0x80) return 1;
+    if (lead < 0xE0) return 2;
+    if (lead < 0xF0) return 3;
+    return 4;
+}
+
+// Reads the sequence at `source` into `bytes` (the lead first) and gives its length; the bytes that a cut
+// sequence lacks are zero, and nothing behind the terminator is read. `*cut` tells whether the end came
+// first.
+int readSequence(const unsigned char* source, unsigned char bytes[4], bool* cut) {
+    const int length = sequenceLength(source[0]);
+    bytes[0] = source[0];
+    int i = 1;
+    for (; i < length && source[i] != 0; ++i) bytes[i] = source[i];
+    *cut = i < length;
+    for (; i < length; ++i) bytes[i] = 0;
+    return length;
+}
+
 // Bytes that HTTPUrlEscape lets stand for themselves.
 bool isUrlSafe(unsigned char c) {
     if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
@@ -62,6 +90,123 @@ long streamSize(FILE* file) {
 }
 
 }  // namespace
+
+int Utf8ToAnsi(char* destination, const char* source, int size) {
+    if (size < 1) return 0;
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
+    int written = 0;
+    while (*in != 0 && written < size - 1) {
+        unsigned char bytes[4];
+        bool cut;
+        const int length = readSequence(in, bytes, &cut);
+        if (length == 1) {
+            destination[written++] = static_cast<char>(bytes[0]);
+        } else if (length == 2 && (bytes[0] & 0x1C) == 0) {
+            destination[written++] = static_cast<char>(((bytes[0] & 0x03) << 6) | (bytes[1] & 0x3F));
+        }
+        if (cut) break;
+        in += length;
+    }
+    destination[written] = '\0';
+    return written;
+}
+
+int Utf8ToWide(unsigned short* destination, const char* source, int size) {
+    if (size < 1) return 0;
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
+    int written = 0;
+    while (*in != 0 && written < size - 1) {
+        unsigned char bytes[4];
+        bool cut;
+        const int length = readSequence(in, bytes, &cut);
+        if (length == 1) {
+            destination[written++] = bytes[0];
+        } else if (length == 2) {
+            destination[written++] =
+                static_cast<unsigned short>(((bytes[0] & 0x1F) << 6) | (bytes[1] & 0x3F));
+        } else if (length == 3) {
+            destination[written++] = static_cast<unsigned short>(
+                ((bytes[0] & 0x0F) << 12) | ((bytes[1] & 0x3F) << 6) | (bytes[2] & 0x3F));
+        }
+        if (cut) break;
+        in += length;
+    }
+    destination[written] = 0;
+    return written;
+}
+
+int strUtf8Len(const char* source, int isWide, int escape) {
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
+    const int step = isWide != 0 ? 2 : 1;
+    // Wide enough that no source that fits in memory can wrap it.
+    unsigned long long total = 0;
+    for (;; in += step) {
+        const unsigned int c = isWide != 0 ? in[0] | (in[1] << 8) : in[0];
+        if (c < 0x80) {
+            total += escape != 0 && !isUriSafe(c) ? 3 : 1;
+        } else {
+            total += (c < 0x800 ? 2 : 3) * (escape != 0 ? 3 : 1);
+        }
+        if (c == 0) break;
+    }
+    return total > static_cast<unsigned long long>(INT_MAX) ? INT_MAX : static_cast<int>(total);
+}
+
+int _strToUtf8(char* destination, const char* source, int size, int isWide, int* count, int escape) {
+    if (size < 1) {
+        if (count != nullptr) *count = 0;
+        return 0;
+    }
+    static const char kHex[] = "0123456789abcdef";
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
+    const int step = isWide != 0 ? 2 : 1;
+    const int limit = size - 1;
+    int j = 0;
+    int items = 0;
+    // One byte as it is, or as "%x": lower case, without padding.
+    auto put = [&](unsigned int byte, bool escaped) {
+        if (!escaped) {
+            destination[j++] = static_cast<char>(byte);
+        } else {
+            destination[j++] = '%';
+            if (byte >= 0x10) destination[j++] = kHex[byte >> 4];
+            destination[j++] = kHex[byte & 0x0F];
+        }
+        ++items;
+    };
+    for (;; in += step) {
+        const unsigned int c = isWide != 0 ? in[0] | (in[1] << 8) : in[0];
+        if (c < 0x80) {
+            if (j >= limit) break;
+            if (escape != 0 && c != 0 && !isUriSafe(c)) {
+                if (j >= limit - 3) break;
+                put(c, true);
+            } else {
+                put(c, false);  // the terminator too, in both modes
+            }
+            if (c == 0) break;
+            continue;
+        }
+        const int n = c < 0x800 ? 2 : 3;
+        if (j >= limit - 3) break;
+        put(n == 2 ? 0xC0 | (c >> 6) : 0xE0 | (c >> 12), escape != 0);
+        if (escape == 0 ? j >= limit - n : j > limit - 3 * (n - 1)) break;
+        for (int shift = 6 * (n - 2); shift >= 0; shift -= 6) put(0x80 | ((c >> shift) & 0x3F), escape != 0);
+    }
+    // Gives the stored terminator back after a complete run, and the last byte written after a stop for room.
+    if (j > 0) --j;
+    destination[j] = '\0';
+    if (count != nullptr) *count = items > 0 ? items - 1 : 0;
+    return j;
+}
+
+int strToUtf8(char* destination, const char* source, int size, int isWide, int* count) {
+    return _strToUtf8(destination, source, size, isWide, count, 0);
+}
+
+int strToEscapedUri(char* destination, const char* source, int size, int isWide, int* count) {
+    return _strToUtf8(destination, source, size, isWide, count, 1);
+}
 
 extern "C" {
 

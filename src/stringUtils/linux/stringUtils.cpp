@@ -318,16 +318,16 @@ int HTTPUrlEscapeLength(const char* source) {
 }
 
 int HTTPUrlUnEscape(char* text) {
-    const size_t length = ::strlen(text);
+    // One pass up to the terminator that the string had at the start. The write position never passes the
+    // read position, so every byte read, the pair behind a '%' included, is still the original one.
     size_t read = 0;
     size_t write = 0;
-    while (read < length) {
+    while (text[read] != '\0') {
         if (text[read] != '%') {
             text[write++] = text[read++];
             continue;
         }
-        // The pair ends at the terminator; the write position never passes the read position, so the bytes
-        // read here are still the original ones.
+        // The pair stops at the terminator, and so does the decoding.
         const unsigned char first = static_cast<unsigned char>(text[read + 1]);
         const unsigned char second = first != 0 ? static_cast<unsigned char>(text[read + 2]) : 0;
         const int high = hexValue(first);
@@ -341,6 +341,7 @@ int HTTPUrlUnEscape(char* text) {
             value = ::strtol(pair, nullptr, 16);
         }
         text[write++] = static_cast<char>(value & 0xFF);
+        if (second == 0) break;
         read += 3;
     }
     return static_cast<int>(write);

@@ -326,6 +326,31 @@ TEST(HTTPUrl, EscapeThenUnescapeGivesTheSourceBack) {
     }
 }
 
+TEST(HTTPUrlUnEscape, RandomTextsDecodeAsTheLengthAtTheStartSays) {
+    // Texts thick with '%', digits, signs and blanks, against a decoder that measures the text first.
+    const char alphabet[] = "%%%0123456789aFgx+- \t";
+    std::mt19937 random(7);
+    for (int round = 0; round < 3000; ++round) {
+        std::string text(random() % 12, ' ');
+        for (char& c : text) c = alphabet[random() % (sizeof alphabet - 1)];
+        std::string expected = text + '\0';
+        size_t read = 0;
+        size_t write = 0;
+        while (read < text.size()) {
+            if (text[read] != '%') {
+                expected[write++] = text[read++];
+                continue;
+            }
+            const std::string pair = text.substr(read + 1, 2);
+            expected[write++] = static_cast<char>(std::strtol(pair.c_str(), nullptr, 16) & 0xFF);
+            read += 3;
+        }
+        const Unescape u = UnescapeAt(text);
+        ASSERT_EQ(u.result, static_cast<int>(write)) << text;
+        ASSERT_EQ(u.bytes, expected) << text;
+    }
+}
+
 // ---- Whole files -----------------------------------------------------------------------------------------
 
 TEST(Cpyfilebuf, LoadsTheWholeFileFollowedByAZeroByte) {

@@ -7,3 +7,4 @@
 
 #include "msplatform/export.h"
 #include "msplatform/stringUtils.h"
+#include "msplatform/xmlParser.h"

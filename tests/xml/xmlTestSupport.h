@@ -72,6 +72,67 @@ inline Pieces SplitAdv(const std::string& text, const std::string& delimiter) {
     return SplitAdv(t.data(), 0, t.size(), delimiter);
 }
 
+// A node list written out whole, one line a node, offsets counted from the buffer:
+//   "<" start or "</" closing, then "prefix@offset:" if the node has a prefix, "name@offset", " #position",
+//   " empty" if isEmpty, then each tree link that is set, as the index of the node it points to:
+//   " parent=", " peer=", " close=" (closingTag), " open=" (startingTag). A link to a node outside the list
+//   shows as "?".
+using Nodes = std::vector<std::string>;
+
+inline Nodes Render(const char* base, const xml_node* first) {
+    std::vector<const xml_node*> all;
+    for (const xml_node* n = first; n; n = n->next) all.push_back(n);
+    auto index = [&](const xml_node* target) {
+        for (size_t i = 0; i < all.size(); ++i)
+            if (all[i] == target) return std::to_string(i);
+        return std::string("?");
+    };
+    Nodes lines;
+    for (const xml_node* n : all) {
+        std::string line = n->isStart ? "<" : "</";
+        if (n->prefix)
+            line += std::string(n->prefix, static_cast<size_t>(n->prefixLength)) + "@" +
+                    std::to_string(n->prefix - base) + ":";
+        line +=
+            std::string(n->name, static_cast<size_t>(n->nameLength)) + "@" + std::to_string(n->name - base);
+        line += " #" + std::to_string(n->position - base);
+        if (n->isEmpty) line += " empty";
+        if (n->isStart != 0 && n->isStart != ~0) line += " isStart=" + std::to_string(n->isStart);
+        if (n->isEmpty != 0 && n->isEmpty != ~0) line += " isEmpty=" + std::to_string(n->isEmpty);
+        if (!n->prefix && n->prefixLength != 0) line += " prefixLength=" + std::to_string(n->prefixLength);
+        if (n->parent) line += " parent=" + index(n->parent);
+        if (n->peer) line += " peer=" + index(n->peer);
+        if (n->closingTag) line += " close=" + index(n->closingTag);
+        if (n->startingTag) line += " open=" + index(n->startingTag);
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// A document parsed from an exactly sized copy, kept with its nodes for the scope.
+class Parsed {
+public:
+    explicit Parsed(const std::string& text) : buffer_(text) {
+        first_ = xml_ParseXML(buffer_.data(), 0, buffer_.size());
+    }
+    ~Parsed() { xml_DestructXMLNodeList(first_); }
+    Parsed(const Parsed&) = delete;
+    Parsed& operator=(const Parsed&) = delete;
+
+    xml_node* first() const { return first_; }
+    xml_node* at(size_t index) const {
+        xml_node* n = first_;
+        while (n && index--) n = n->next;
+        return n;
+    }
+    const char* base() const { return buffer_.data(); }
+    Nodes nodes() const { return Render(buffer_.data(), first_); }
+
+private:
+    ExactBuffer buffer_;
+    xml_node* first_;
+};
+
 // Lets the parser's next `granted` allocations succeed and fails all later ones, for the scope.
 class FailAllocationsAfter {
 public:

@@ -71,6 +71,38 @@ Nodes ReferenceParse(char* text, int start, int end) {
     return xmltest::Render(text, nodes.empty() ? nullptr : &nodes[0]);
 }
 
+// The attributes as the quote-aware cuts at " ", ":" and "=" give them, made with the exported splitter.
+xmltest::Attributes ReferenceAttributes(const char* base, xml_node* node) {
+    char* lt = node->position - 1;
+    while (*lt != '<') --lt;
+    char* tag = lt + 1;
+    const int length = static_cast<int>(node->position - tag) - (node->isEmpty ? 2 : 1);
+    char blank[] = " ", colon[] = ":", equals[] = "=";
+    std::vector<xml_attribute> records;
+    parser_result* tokens = xml_ParseStringAdv(tag, 0, length, blank, 1);
+    for (parser_field* t = tokens->first->next; t; t = t->next) {
+        xml_attribute a{};
+        parser_result* parts = xml_ParseStringAdv(t->text, 0, t->length, colon, 1);
+        int restStart = 0;
+        if (parts->count > 1) {
+            a.prefix = parts->first->text;
+            a.prefixLength = parts->first->length;
+            restStart = parts->first->length + 1;
+        }
+        parser_result* sides = xml_ParseStringAdv(t->text, restStart, t->length - restStart, equals, 1);
+        a.name = sides->first->text;
+        a.nameLength = sides->first->length;
+        a.value = sides->last->text;
+        a.valueLength = sides->last->length;
+        xml_DestructParserResults(sides);
+        xml_DestructParserResults(parts);
+        records.insert(records.begin(), a);
+    }
+    xml_DestructParserResults(tokens);
+    for (size_t i = 0; i + 1 < records.size(); ++i) records[i].next = &records[i + 1];
+    return xmltest::Render(base, records.empty() ? nullptr : &records[0]);
+}
+
 const char* const kSeeds[] = {
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<formats>\n  <format ext=\"mp3\" mime='audio/mpeg'>\n"
     "    <dlna:profile>MP3</dlna:profile>\n    <parser name=\"id3\"/>\n  </format>\n</formats>\n",
@@ -146,8 +178,29 @@ void Exercise(const std::string& text, std::mt19937& rng) {
         if (inner) {
             EXPECT_TRUE(inner >= base && inner + length <= base + size);
         }
+        // Every node with a "<" in front of its position in the buffer may be asked for its attributes.
+        if (!memrchr(base, '<', static_cast<size_t>(n->position - base))) continue;
+        xml_attribute* attributes = xml_GetXMLAttributes(n);
+        EXPECT_EQ(xmltest::Render(base, attributes), ReferenceAttributes(base, n));
+        for (const xml_attribute* a = attributes; a; a = a->next) {
+            EXPECT_TRUE(a->name >= base && a->name + a->nameLength <= n->position);
+            EXPECT_TRUE(a->value >= base && a->value + a->valueLength <= n->position);
+            if (a->prefix) {
+                EXPECT_TRUE(a->prefix >= base && a->prefix + a->prefixLength <= n->position);
+            }
+        }
+        xml_DestructXMLAttributeList(attributes);
     }
     xml_DestructXMLNodeList(first);
+
+    // The entity functions read up to the terminator and no further, whatever stands before it.
+    ExactBuffer terminated(std::string(text.c_str(), strlen(text.c_str()) + 1));
+    const int escapedLength = xml_XmlEscapeLength(terminated.data());
+    ExactBuffer escaped(std::string(static_cast<size_t>(escapedLength) + 1, '#'));
+    EXPECT_EQ(xml_XmlEscape(escaped.data(), terminated.data()), escapedLength);
+    const int decoded = xml_InPlaceXmlUnEscape(terminated.data());
+    EXPECT_EQ(decoded, static_cast<int>(strlen(terminated.data())));
+    EXPECT_LE(decoded, terminated.size() - 1);
 
     // A sub-range reads nothing outside itself: its nodes are those of a copy of the sub-range alone.
     const int start = std::uniform_int_distribution<int>(0, size)(rng);

@@ -109,6 +109,28 @@ inline Nodes Render(const char* base, const xml_node* first) {
     return lines;
 }
 
+// An attribute list written out whole, one line a record, offsets counted from the buffer:
+//   "prefix@offset:" if the record has a prefix, "name@offset", " | ", "value@offset".
+using Attributes = std::vector<std::string>;
+
+inline Attributes Render(const char* base, const xml_attribute* first) {
+    Attributes lines;
+    for (const xml_attribute* a = first; a; a = a->next) {
+        std::string line;
+        if (a->prefix)
+            line += std::string(a->prefix, static_cast<size_t>(a->prefixLength)) + "@" +
+                    std::to_string(a->prefix - base) + ":";
+        else if (a->prefixLength != 0)
+            line += "prefixLength=" + std::to_string(a->prefixLength) + " ";
+        line +=
+            std::string(a->name, static_cast<size_t>(a->nameLength)) + "@" + std::to_string(a->name - base);
+        line += " | " + std::string(a->value, static_cast<size_t>(a->valueLength)) + "@" +
+                std::to_string(a->value - base);
+        lines.push_back(line);
+    }
+    return lines;
+}
+
 // A document parsed from an exactly sized copy, kept with its nodes for the scope.
 class Parsed {
 public:

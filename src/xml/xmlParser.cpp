@@ -52,36 +52,48 @@ struct NodeList {
 };
 
 // Turns one candidate, the bytes behind a "<" up to the next "<", into no node, one node, or the two nodes of
-// an empty tag. The cuts at ">", " " and ":" are taken with memchr: each needs only its first piece, and for
-// the start node's position the last ">". False when a node could not be allocated.
+// an empty tag. Of the cuts at ">", " " and ":" only the first pieces matter (and, for a start node's
+// position, the last ">"), so they are found by one short scan of the first word and two searches for ">".
+// False when a node could not be allocated.
 bool addCandidate(NodeList& list, char* candidate, long long length) {
     if (length < 1 || candidate[0] == '?') return true;
     const bool closing = candidate[0] == '/';
-    char* tag = closing ? candidate + 1 : candidate;
-    const long long tagLength = closing ? length - 1 : length;
+    char* const tag = closing ? candidate + 1 : candidate;
+    char* const tagEnd = candidate + length;
 
-    const char* gt = findByte(tag, tagLength, '>');
-    const long long pieceLength = gt ? gt - tag : tagLength;
+    // The first word ends at the first blank or ">"; its first two colons bound prefix and name.
+    char* wordEnd = tag;
+    char* colon = nullptr;
+    char* secondColon = nullptr;
+    for (; wordEnd < tagEnd; ++wordEnd) {
+        const char c = *wordEnd;
+        if (c == ' ' || c == '>') break;
+        if (c == ':') {
+            if (!colon)
+                colon = wordEnd;
+            else if (!secondColon)
+                secondColon = wordEnd;
+        }
+    }
+    const char* gt = wordEnd < tagEnd && *wordEnd == '>' ? wordEnd : findByte(wordEnd, tagEnd - wordEnd, '>');
+    const char* pieceEnd = gt ? gt : tagEnd;
+
     bool empty = false;
     char* position = candidate;  // a closing node: its "/"; a start node without any ">": its first byte
     if (!closing) {
-        if (pieceLength > 0 && tag[pieceLength - 1] == '/') empty = true;
-        if (gt) position = const_cast<char*>(findLastByte(gt, tag + tagLength - gt, '>')) + 1;
+        if (pieceEnd > tag && pieceEnd[-1] == '/') empty = true;
+        if (gt) position = const_cast<char*>(findLastByte(gt, tagEnd - gt, '>')) + 1;
     }
 
-    const char* blank = findByte(tag, pieceLength, ' ');
-    const long long wordLength = blank ? blank - tag : pieceLength;
     char* prefix = nullptr;
     long long prefixLength = 0;
     char* name = tag;
-    long long nameLength = wordLength;
-    if (const char* colon = findByte(tag, wordLength, ':')) {
+    long long nameLength = wordEnd - tag;
+    if (colon) {
         prefix = tag;
         prefixLength = colon - tag;
-        name = tag + prefixLength + 1;
-        const long long rest = wordLength - prefixLength - 1;
-        const char* second = findByte(name, rest, ':');
-        nameLength = second ? second - name : rest;
+        name = colon + 1;
+        nameLength = (secondColon ? secondColon : wordEnd) - name;
     }
     // The first byte is never looked at, so a name may begin with "/" or a line end.
     for (long long i = 1; i < nameLength; ++i) {
@@ -150,16 +162,20 @@ struct StackEntry {
 xml_node* xml_ParseXML(char* text, int start, int end) {
     if (!text) return nullptr;
     NodeList list;
-    // The candidates are the pieces of the cut at "<"; each is handled as it is found.
-    xmlparser::Splitter candidates(text, start, end, "<", 1, false);
-    char* candidate;
-    int length;
-    while (candidates.next(candidate, length)) {
+    // The candidates are the pieces of the cut at "<", taken one by one as memchr finds them.
+    char* candidate = text + start;
+    char* const rangeEnd = text + end;
+    for (;;) {
+        char* lt = candidate < rangeEnd ? const_cast<char*>(findByte(candidate, rangeEnd - candidate, '<'))
+                                        : nullptr;
+        const long long length = lt ? lt - candidate : (candidate < rangeEnd ? rangeEnd - candidate : 0);
         if (!addCandidate(list, candidate, length)) {
             // A list with nodes missing would read as another document: give none.
             xml_DestructXMLNodeList(list.first);
             return nullptr;
         }
+        if (!lt) break;
+        candidate = lt + 1;
     }
     return list.first;
 }

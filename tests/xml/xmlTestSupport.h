@@ -2,6 +2,8 @@
 // sanitizer sees any read past them) and whole results turned into plain values that compare at once.
 #pragma once
 
+#include <string.h>
+
 #include <memory>
 #include <string>
 #include <utility>
@@ -170,6 +172,30 @@ private:
     static int& remaining() {
         static int count = 0;
         return count;
+    }
+    void* (*saved_)(size_t);
+};
+
+// Counts the parser's allocations for the scope.
+class CountAllocations {
+public:
+    CountAllocations() : saved_(xmlparser::allocate) {
+        count() = 0;
+        xmlparser::allocate = [](size_t size) -> void* {
+            ++count();
+            return malloc(size);
+        };
+    }
+    ~CountAllocations() { xmlparser::allocate = saved_; }
+    CountAllocations(const CountAllocations&) = delete;
+    CountAllocations& operator=(const CountAllocations&) = delete;
+
+    int made() const { return count(); }
+
+private:
+    static int& count() {
+        static int n = 0;
+        return n;
     }
     void* (*saved_)(size_t);
 };

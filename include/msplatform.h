@@ -12,3 +12,4 @@
 #include "msplatform/stringUtils.h"
 #include "msplatform/unicode.h"
 #include "msplatform/zvString.h"
+#include "msplatform/xmlParser.h"

@@ -7,3 +7,6 @@
 
 #include "msplatform/export.h"
 #include "msplatform/stringUtils.h"
+#include "msplatform/eventLogger_specific.h"
+#include "msplatform/osSpecificFunctions.h"
+#include "msplatform/dynLibrary.h"

@@ -10,3 +10,5 @@
 #include "msplatform/eventLogger_specific.h"
 #include "msplatform/osSpecificFunctions.h"
 #include "msplatform/dynLibrary.h"
+#include "msplatform/thread.h"
+#include "msplatform/event.h"

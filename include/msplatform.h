@@ -18,3 +18,4 @@
 #include "msplatform/dynLibrary.h"
 #include "msplatform/thread.h"
 #include "msplatform/event.h"
+#include "msplatform/dirWalk.h"

@@ -16,8 +16,8 @@ int RealGetTimeOfDay(struct timeval* now) {
 }
 
 constexpr OsSystemCalls RealCalls() {
-    return {::pthread_create, ::pthread_setschedparam, ::nanosleep,
-            RealGetTimeOfDay, ::pthread_cond_wait,     ::pthread_cond_timedwait};
+    return {::pthread_create,    ::pthread_setschedparam,  ::nanosleep, RealGetTimeOfDay,
+            ::pthread_cond_wait, ::pthread_cond_timedwait, ::renameat2};
 }
 
 }  // namespace

@@ -7,3 +7,6 @@
 
 #include "msplatform/export.h"
 #include "msplatform/stringUtils.h"
+#include "msplatform/md5.h"
+#include "msplatform/uuid.h"
+#include "msplatform/uuid_utils.h"

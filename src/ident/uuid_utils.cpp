@@ -27,6 +27,10 @@ struct RandomInfo {
     char hostName[260];  // gethostname writes at most 256 bytes at the start
 };
 
+// On the 32-bit target the three make the block of 332 bytes that the digest covers.
+static_assert(sizeof(long) != 4 || offsetof(RandomInfo, hostName) + 260 == 332,
+              "sysinfo record and timeval of 64 and 8 bytes on a 32-bit target");
+
 }  // namespace
 
 void get_system_time(uuid_time_t* uuid_time) {

@@ -6,7 +6,13 @@
 #pragma once
 
 #include "msplatform/export.h"
+#include "msplatform/mutex.h"
+#include "msplatform/cfgCtrlMgr.h"
+#include "msplatform/ZvCfgCtrlMgr.h"
 #include "msplatform/stringUtils.h"
+#include "msplatform/unicode.h"
+#include "msplatform/zvString.h"
+#include "msplatform/xmlParser.h"
 #include "msplatform/md5.h"
 #include "msplatform/uuid.h"
 #include "msplatform/uuid_utils.h"

@@ -16,3 +16,4 @@
 #include "msplatform/md5.h"
 #include "msplatform/uuid.h"
 #include "msplatform/uuid_utils.h"
+#include "msplatform/commonAPIs.h"

@@ -19,3 +19,7 @@
 #include "msplatform/thread.h"
 #include "msplatform/event.h"
 #include "msplatform/dirWalk.h"
+#include "msplatform/md5.h"
+#include "msplatform/uuid.h"
+#include "msplatform/uuid_utils.h"
+#include "msplatform/commonAPIs.h"

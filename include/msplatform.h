@@ -6,4 +6,10 @@
 #pragma once
 
 #include "msplatform/export.h"
+#include "msplatform/mutex.h"
+#include "msplatform/cfgCtrlMgr.h"
+#include "msplatform/ZvCfgCtrlMgr.h"
 #include "msplatform/stringUtils.h"
+#include "msplatform/unicode.h"
+#include "msplatform/zvString.h"
+#include "msplatform/xmlParser.h"

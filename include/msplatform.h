@@ -13,3 +13,5 @@
 #include "msplatform/unicode.h"
 #include "msplatform/zvString.h"
 #include "msplatform/xmlParser.h"
+#include "msplatform/languageReader.h"
+#include "msplatform/ZvLanguageReader.h"

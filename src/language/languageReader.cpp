@@ -74,7 +74,9 @@ ZvLanguageReader::ZvLanguageReader()
       languageInfoList(nullptr),
       mutex(new (std::nothrow) Mutex("languageReader")) {}
 
-ZvLanguageReader::~ZvLanguageReader() { deinitialize(); }
+ZvLanguageReader::~ZvLanguageReader() {
+    deinitialize();
+}
 
 int ZvLanguageReader::initialize(char* configPath) {
     ReaderLock hold(mutex);
@@ -83,7 +85,8 @@ int ZvLanguageReader::initialize(char* configPath) {
     xml_node* nodes = nullptr;
     int result = 0;
     try {
-        if (loadConfigValues(configPath, languageFilePath) != 1) throw "Loading Configuration values Failed !!!";
+        if (loadConfigValues(configPath, languageFilePath) != 1)
+            throw "Loading Configuration values Failed !!!";
         int size = copyXMLFileBuffer(languageFilePath, &text);
         if (size == 0 || !text) throw "Copying XML buffer Failed !!!";
         nodes = copyBufferToXMLNode(text, size);
@@ -129,7 +132,9 @@ char* ZvLanguageReader::getTermInfobyID(char const* id) {
     return nullptr;
 }
 
-char* ZvLanguageReader::getSupportedLanguages() { return supportedLanguages; }
+char* ZvLanguageReader::getSupportedLanguages() {
+    return supportedLanguages;
+}
 
 int ZvLanguageReader::loadConfigValues(char* configPath, char* languageFilePath) {
     int initialized = 0;
@@ -144,15 +149,16 @@ int ZvLanguageReader::loadConfigValues(char* configPath, char* languageFilePath)
             throw "GetConfigStringLen failed while getting language filepath !!!";
         // The copy writes length bytes and a terminator: a longer path would not fit the caller's buffer.
         if (length < 0 || length >= kPathSize) throw "Language file path too long !!!";
-        if (getConfigString(kSection, kPathKey, reinterpret_cast<unsigned char*>(languageFilePath), length) != CFG_OK)
+        if (getConfigString(kSection, kPathKey, reinterpret_cast<unsigned char*>(languageFilePath), length) !=
+            CFG_OK)
             throw "GetConfigString failed while getting language filepath !!!";
         if (getConfigStringLen(kSection, kLanguageKey, length) != CFG_OK || length < 0)
             throw "GetConfigStringLen failed while getting current language !!!";
         free(currentLanguage);
         currentLanguage = static_cast<char*>(calloc(static_cast<size_t>(length) + 1, 1));
         if (!currentLanguage) throw "Not enough memory found !!!";
-        if (getConfigString(kSection, kLanguageKey, reinterpret_cast<unsigned char*>(currentLanguage), length) !=
-            CFG_OK)
+        if (getConfigString(kSection, kLanguageKey, reinterpret_cast<unsigned char*>(currentLanguage),
+                            length) != CFG_OK)
             throw "GetConfigString failed while getting current language !!!";
         result = 1;
     } catch (const char* why) {
@@ -247,8 +253,9 @@ int ZvLanguageReader::loadTermTableContents(xml_node* first) {
     int depth = 0;
     xml_node* termClosing = nullptr;
     termInfo* current = nullptr;
+    bool behindTerm = false;  // the node behind a term's closing tag is taken as a term, whatever its kind
     while (node) {
-        if (!node->isStart) {
+        if (!node->isStart && !behindTerm) {
             // The first child's closing tag completes the term; the rest of the term is skipped, its other
             // children are reached through the peer links.
             if (depth == 3 && current) {
@@ -261,8 +268,10 @@ int ZvLanguageReader::loadTermTableContents(xml_node* first) {
             if (!node) break;
             depth = 1;
             node = node->next;
+            behindTerm = true;
             continue;
         }
+        behindTerm = false;
         ++depth;
         if (depth == 2) {
             termClosing = node->closingTag;

@@ -23,3 +23,5 @@
 #include "msplatform/uuid.h"
 #include "msplatform/uuid_utils.h"
 #include "msplatform/commonAPIs.h"
+#include "msplatform/languageReader.h"
+#include "msplatform/ZvLanguageReader.h"

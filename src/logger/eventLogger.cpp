@@ -64,6 +64,14 @@ char* CopyText(const char* text, size_t length) {
     return copy;
 }
 
+// A store that outlives the object: the compiler treats stores of a destructor into its own object as dead
+// and may drop them, but a late log call (from a static destructor that runs after ours) relies on finding
+// logFile null.
+template <typename T>
+void StoreForAfterDeath(T& field, T value) {
+    *static_cast<volatile T*>(&field) = value;
+}
+
 void FreeNode(fileInfo* node) {
     if (!node) return;
     free(node->name);
@@ -97,13 +105,13 @@ ZvEventLogger::~ZvEventLogger() {
         free(moduleName);
         if (logFile) fclose(logFile);
         clearnodes();
-        logFile = nullptr;
-        logFilePath = nullptr;
-        moduleName = nullptr;
-        fileList = nullptr;
+        StoreForAfterDeath<FILE*>(logFile, nullptr);
+        StoreForAfterDeath<char*>(logFilePath, nullptr);
+        StoreForAfterDeath<char*>(moduleName, nullptr);
+        StoreForAfterDeath<fileInfo*>(fileList, nullptr);
     }
     delete mutex;
-    mutex = nullptr;
+    StoreForAfterDeath<Mutex*>(mutex, nullptr);
 }
 
 int ZvEventLogger::loadConfigValues(char* cfgPath, char* section) {

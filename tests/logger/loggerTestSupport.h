@@ -39,10 +39,11 @@ inline std::vector<std::string> LogFiles(const std::string& dir) {
     std::vector<std::string> names;
     DIR* d = ::opendir(dir.c_str());
     if (!d) return names;
-    while (dirent* e = ::readdir(d)) {
+    // The 64-bit calls: on a 32-bit target the plain ones fail on large inode numbers.
+    while (dirent64* e = ::readdir64(d)) {
         std::string name = e->d_name;
-        struct stat st;
-        if (name.compare(0, 10, "serverLog.") == 0 && ::stat((dir + "/" + name).c_str(), &st) == 0 &&
+        struct stat64 st;
+        if (name.compare(0, 10, "serverLog.") == 0 && ::stat64((dir + "/" + name).c_str(), &st) == 0 &&
             S_ISREG(st.st_mode))
             names.push_back(name);
     }

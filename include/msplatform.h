@@ -7,3 +7,5 @@
 
 #include "msplatform/export.h"
 #include "msplatform/stringUtils.h"
+#include "msplatform/mediaMapper.h"
+#include "msplatform/mediaFormats.h"

@@ -6,6 +6,12 @@
 #pragma once
 
 #include "msplatform/export.h"
+#include "msplatform/mutex.h"
+#include "msplatform/cfgCtrlMgr.h"
+#include "msplatform/ZvCfgCtrlMgr.h"
 #include "msplatform/stringUtils.h"
+#include "msplatform/unicode.h"
+#include "msplatform/zvString.h"
+#include "msplatform/xmlParser.h"
 #include "msplatform/mediaMapper.h"
 #include "msplatform/mediaFormats.h"

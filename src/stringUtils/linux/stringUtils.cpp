@@ -1,7 +1,350 @@
 #include "msplatform/stringUtils.h"
 
+#include <limits.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <strings.h>
 
-int StrCaseCmp(const char* a, const char* b) { return ::strcasecmp(a, b); }
+#include "stringUtils/linux/internal.h"
 
-int StrnCaseCmp(const char* a, const char* b, size_t length) { return ::strncasecmp(a, b, length); }
+namespace mspstring {
+void* (*allocate)(size_t size) = ::malloc;
+}  // namespace mspstring
+
+int StrCaseCmp(const char* a, const char* b) {
+    return ::strcasecmp(a, b);
+}
+
+int StrnCaseCmp(const char* a, const char* b, size_t length) {
+    return ::strncasecmp(a, b, length);
+}
+
+namespace {
+
+// Bytes that the URI form lets stand for themselves.
+bool isUriSafe(unsigned int c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+           c == '/' || c == ':' || c == '_' || c == '?';
+}
+
+// The bytes a UTF-8 sequence takes by its lead, as the conversions count them: continuation bytes count as
+// two-byte leads, and 0xF8 to 0xFF are passed over like four-byte leads.
+int sequenceLength(unsigned char lead) {
+    if (lead < 0x80) return 1;
+    if (lead < 0xE0) return 2;
+    if (lead < 0xF0) return 3;
+    return 4;
+}
+
+// Reads the sequence at `source` into `bytes` (the lead first) and gives its length; the bytes that a cut
+// sequence lacks are zero, and nothing behind the terminator is read. `*cut` tells whether the end came
+// first.
+int readSequence(const unsigned char* source, unsigned char bytes[4], bool* cut) {
+    const int length = sequenceLength(source[0]);
+    bytes[0] = source[0];
+    int i = 1;
+    for (; i < length && source[i] != 0; ++i) bytes[i] = source[i];
+    *cut = i < length;
+    for (; i < length; ++i) bytes[i] = 0;
+    return length;
+}
+
+// Bytes that HTTPUrlEscape lets stand for themselves.
+bool isUrlSafe(unsigned char c) {
+    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
+    switch (c) {
+        case '/':
+        case '@':
+        case ';':
+        case ':':
+        case '=':
+        case '+':
+        case '$':
+        case '-':
+        case '_':
+        case '.':
+        case '*':
+            return true;
+        default:
+            return false;
+    }
+}
+
+int hexValue(unsigned char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// The stream's size by seeking to its end, or -1 if it can't be told (a pipe, a device) or doesn't fit the
+// signed 32-bit count. On the target ftell itself fails beyond 2 GiB; elsewhere the limit is kept here.
+long streamSize(FILE* file) {
+    if (::fseek(file, 0, SEEK_END) != 0) return -1;
+    const long size = ::ftell(file);
+    if (size < 0 || static_cast<unsigned long>(size) > static_cast<unsigned long>(INT32_MAX)) return -1;
+    if (::fseek(file, 0, SEEK_SET) != 0) return -1;
+    return size;
+}
+
+}  // namespace
+
+int Utf8ToAnsi(char* destination, const char* source, int size) {
+    if (size < 1) return 0;
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
+    int written = 0;
+    while (*in != 0 && written < size - 1) {
+        unsigned char bytes[4];
+        bool cut;
+        const int length = readSequence(in, bytes, &cut);
+        if (length == 1) {
+            destination[written++] = static_cast<char>(bytes[0]);
+        } else if (length == 2 && (bytes[0] & 0x1C) == 0) {
+            destination[written++] = static_cast<char>(((bytes[0] & 0x03) << 6) | (bytes[1] & 0x3F));
+        }
+        if (cut) break;
+        in += length;
+    }
+    destination[written] = '\0';
+    return written;
+}
+
+int Utf8ToWide(unsigned short* destination, const char* source, int size) {
+    if (size < 1) return 0;
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
+    int written = 0;
+    while (*in != 0 && written < size - 1) {
+        unsigned char bytes[4];
+        bool cut;
+        const int length = readSequence(in, bytes, &cut);
+        if (length == 1) {
+            destination[written++] = bytes[0];
+        } else if (length == 2) {
+            destination[written++] =
+                static_cast<unsigned short>(((bytes[0] & 0x1F) << 6) | (bytes[1] & 0x3F));
+        } else if (length == 3) {
+            destination[written++] = static_cast<unsigned short>(
+                ((bytes[0] & 0x0F) << 12) | ((bytes[1] & 0x3F) << 6) | (bytes[2] & 0x3F));
+        }
+        if (cut) break;
+        in += length;
+    }
+    destination[written] = 0;
+    return written;
+}
+
+int strUtf8Len(const char* source, int isWide, int escape) {
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
+    const int step = isWide != 0 ? 2 : 1;
+    // Wide enough that no source that fits in memory can wrap it.
+    unsigned long long total = 0;
+    for (;; in += step) {
+        const unsigned int c = isWide != 0 ? in[0] | (in[1] << 8) : in[0];
+        if (c < 0x80) {
+            total += escape != 0 && !isUriSafe(c) ? 3 : 1;
+        } else {
+            total += (c < 0x800 ? 2 : 3) * (escape != 0 ? 3 : 1);
+        }
+        if (c == 0) break;
+    }
+    return total > static_cast<unsigned long long>(INT_MAX) ? INT_MAX : static_cast<int>(total);
+}
+
+int _strToUtf8(char* destination, const char* source, int size, int isWide, int* count, int escape) {
+    if (size < 1) {
+        if (count != nullptr) *count = 0;
+        return 0;
+    }
+    static const char kHex[] = "0123456789abcdef";
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
+    const int step = isWide != 0 ? 2 : 1;
+    const int limit = size - 1;
+    int j = 0;
+    int items = 0;
+    // One byte as it is, or as "%x": lower case, without padding.
+    auto put = [&](unsigned int byte, bool escaped) {
+        if (!escaped) {
+            destination[j++] = static_cast<char>(byte);
+        } else {
+            destination[j++] = '%';
+            if (byte >= 0x10) destination[j++] = kHex[byte >> 4];
+            destination[j++] = kHex[byte & 0x0F];
+        }
+        ++items;
+    };
+    for (;; in += step) {
+        const unsigned int c = isWide != 0 ? in[0] | (in[1] << 8) : in[0];
+        if (c < 0x80) {
+            if (j >= limit) break;
+            if (escape != 0 && c != 0 && !isUriSafe(c)) {
+                if (j >= limit - 3) break;
+                put(c, true);
+            } else {
+                put(c, false);  // the terminator too, in both modes
+            }
+            if (c == 0) break;
+            continue;
+        }
+        const int n = c < 0x800 ? 2 : 3;
+        if (j >= limit - 3) break;
+        put(n == 2 ? 0xC0 | (c >> 6) : 0xE0 | (c >> 12), escape != 0);
+        if (escape == 0 ? j >= limit - n : j > limit - 3 * (n - 1)) break;
+        for (int shift = 6 * (n - 2); shift >= 0; shift -= 6) put(0x80 | ((c >> shift) & 0x3F), escape != 0);
+    }
+    // Gives the stored terminator back after a complete run, and the last byte written after a stop for room.
+    if (j > 0) --j;
+    destination[j] = '\0';
+    if (count != nullptr) *count = items > 0 ? items - 1 : 0;
+    return j;
+}
+
+int strToUtf8(char* destination, const char* source, int size, int isWide, int* count) {
+    return _strToUtf8(destination, source, size, isWide, count, 0);
+}
+
+int strToEscapedUri(char* destination, const char* source, int size, int isWide, int* count) {
+    return _strToUtf8(destination, source, size, isWide, count, 1);
+}
+
+extern "C" {
+
+int IndexOf(const char* text, const char* needle) {
+    // Nothing is found in an empty text, not even the empty needle.
+    if (*text == '\0') return -1;
+    const char* found = ::strstr(text, needle);
+    return found != nullptr ? static_cast<int>(found - text) : -1;
+}
+
+int LastIndexOf(const char* text, const char* needle) {
+    const size_t n = ::strlen(text);
+    const size_t m = ::strlen(needle);
+    if (m > n) return -1;
+    if (m == 0) return static_cast<int>(n);
+    for (size_t position = n - m + 1; position-- > 0;) {
+        if (text[position] == needle[0] && ::memcmp(text + position, needle, m) == 0) {
+            return static_cast<int>(position);
+        }
+    }
+    return -1;
+}
+
+char* MakeStrcpy(const char* text) {
+    if (text == nullptr) text = "";
+    const size_t size = ::strlen(text) + 1;
+    char* copy = static_cast<char*>(mspstring::allocate(size));
+    if (copy != nullptr) ::memcpy(copy, text, size);
+    return copy;
+}
+
+void StrChomp(char* text) {
+    text[::strcspn(text, "\r\n")] = '\0';
+}
+
+char* cpyfilebuf(const char* path, int* count) {
+    FILE* file = nullptr;
+    char* buffer = nullptr;
+    try {
+        file = ::fopen64(path, "rb");
+        if (file == nullptr) throw "File open error !!!";
+        const long size = streamSize(file);
+        if (size >= 0) {
+            buffer = static_cast<char*>(mspstring::allocate(static_cast<size_t>(size) + 1));
+            if (buffer == nullptr) throw "Not enough memory found !!!";
+            // Only the byte behind the content needs clearing: a short read gives the buffer up.
+            buffer[size] = '\0';
+            const size_t got = ::fread(buffer, 1, static_cast<size_t>(size), file);
+            if (count != nullptr) *count = static_cast<int>(got);
+            if (got < static_cast<size_t>(size)) {
+                ::free(buffer);
+                buffer = nullptr;
+            }
+        }
+    } catch (...) {
+        // Failures are the caller's null result, never a message.
+    }
+    if (file != nullptr) ::fclose(file);
+    return buffer;
+}
+
+char* GetFileExtension(char* path) {
+    if (path == nullptr) return nullptr;
+    for (char* p = path + ::strlen(path); p-- != path;) {
+        if (*p == '.') return p;
+        if (*p == '/' || *p == '\\') return nullptr;
+    }
+    return nullptr;
+}
+
+int StartsWith(const char* text, const char* prefix, int ignoreCase) {
+    const size_t m = ::strlen(prefix);
+    const int diff = ignoreCase != 0 ? StrnCaseCmp(text, prefix, m) : ::strncmp(text, prefix, m);
+    return diff == 0 ? 1 : 0;
+}
+
+int EndsWith(const char* text, const char* suffix, int ignoreCase) {
+    const size_t n = ::strlen(text);
+    const size_t m = ::strlen(suffix);
+    if (m > n) return 0;
+    const char* tail = text + (n - m);
+    const int diff = ignoreCase != 0 ? StrnCaseCmp(tail, suffix, m) : ::strncmp(tail, suffix, m);
+    return diff == 0 ? 1 : 0;
+}
+
+int HTTPUrlEscape(char* destination, const char* source) {
+    static const char kHex[] = "0123456789ABCDEF";
+    char* out = destination;
+    for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
+        if (isUrlSafe(*in)) {
+            *out++ = static_cast<char>(*in);
+        } else {
+            out[0] = '%';
+            out[1] = kHex[*in >> 4];
+            out[2] = kHex[*in & 0x0F];
+            out += 3;
+        }
+    }
+    *out++ = '\0';
+    return static_cast<int>(out - destination);
+}
+
+int HTTPUrlEscapeLength(const char* source) {
+    int length = 1;
+    for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
+        length += isUrlSafe(*in) ? 1 : 3;
+    }
+    return length;
+}
+
+int HTTPUrlUnEscape(char* text) {
+    // One pass up to the terminator that the string had at the start. The write position never passes the
+    // read position, so every byte read, the pair behind a '%' included, is still the original one.
+    size_t read = 0;
+    size_t write = 0;
+    while (text[read] != '\0') {
+        if (text[read] != '%') {
+            text[write++] = text[read++];
+            continue;
+        }
+        // The pair stops at the terminator, and so does the decoding.
+        const unsigned char first = static_cast<unsigned char>(text[read + 1]);
+        const unsigned char second = first != 0 ? static_cast<unsigned char>(text[read + 2]) : 0;
+        const int high = hexValue(first);
+        const int low = hexValue(second);
+        long value;
+        if (high >= 0 && low >= 0) {
+            value = high * 16 + low;
+        } else {
+            // Blanks, signs, single digits and "0x": strtol decides.
+            const char pair[3] = {static_cast<char>(first), static_cast<char>(second), '\0'};
+            value = ::strtol(pair, nullptr, 16);
+        }
+        text[write++] = static_cast<char>(value & 0xFF);
+        if (second == 0) break;
+        read += 3;
+    }
+    return static_cast<int>(write);
+}
+
+}  // extern "C"

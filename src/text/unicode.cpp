@@ -1,0 +1,131 @@
+#include "msplatform/unicode.h"
+
+#include <stdint.h>
+
+// These run on every directory entry the server walks: each is a single pass that finds the terminator as it
+// goes, instead of measuring the source first.
+
+int Convert_CHAR_UCS(const char* source, wchar_t* destination) {
+    if (source == nullptr || destination == nullptr) return -1;
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
+    wchar_t* out = destination;
+    for (; *in != 0; ++in) *out++ = static_cast<wchar_t>(*in);
+    *out = 0;
+    return static_cast<int>(out - destination);
+}
+
+int Convert_CHAR_UCS(const char* source, wchar_t* destination, int count) {
+    if (source == nullptr || destination == nullptr) return -1;
+    if (count < 0) count = 0;
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
+    for (int i = 0; i < count; ++i) destination[i] = static_cast<wchar_t>(in[i]);
+    destination[count] = 0;
+    return count;
+}
+
+int Convert_UCS_UTF8(const wchar_t* source, unsigned char* destination) {
+    if (source == nullptr || destination == nullptr) return -1;
+    unsigned char* out = destination;
+    for (const wchar_t* in = source; *in != 0; ++in) {
+        // Only the low 16 bits count: a unit above 0xFFFF loses its plane rather than taking four bytes.
+        const uint32_t c = static_cast<uint32_t>(*in) & 0xFFFFu;
+        if (c < 0x80) {
+            *out++ = static_cast<unsigned char>(c);
+        } else if (c < 0x800) {
+            *out++ = static_cast<unsigned char>(0xC0 + (c >> 6));
+            *out++ = static_cast<unsigned char>(0x80 + (c & 0x3F));
+        } else {
+            *out++ = static_cast<unsigned char>(0xE0 + (c >> 12));
+            *out++ = static_cast<unsigned char>(0x80 + ((c >> 6) & 0x3F));
+            *out++ = static_cast<unsigned char>(0x80 + (c & 0x3F));
+        }
+    }
+    *out = 0;
+    return static_cast<int>(out - destination);
+}
+
+int Convert_UTF8_UCS(const unsigned char* source, wchar_t* destination) {
+    if (source == nullptr || destination == nullptr) return -1;
+    const unsigned char* in = source;
+    wchar_t* out = destination;
+    // Invariant: `in` points at or before the terminator. Only the byte after the lead is tested, and only
+    // its top bit; when that bit is set the byte isn't the terminator, so the third byte can still be read.
+    // The fourth is read only if the third isn't the terminator: a byte missing behind the end counts as a
+    // zero byte, as the terminator itself does when it stands at the place of a continuation byte.
+    while (*in != 0) {
+        const uint32_t lead = in[0];
+        const uint32_t next = in[1];
+        if (lead >= 0xF0 && (next & 0x80) != 0) {
+            const uint32_t third = in[2];
+            const uint32_t fourth = third != 0 ? in[3] : 0;
+            *out++ = static_cast<wchar_t>(((lead ^ 0xF0) << 18) | ((next ^ 0x80) << 12) |
+                                          ((third ^ 0x80) << 6) | (fourth ^ 0x80));
+            if (third == 0 || fourth == 0) break;  // the sequence swallowed the terminator
+            in += 4;
+        } else if (lead >= 0xE0 && (next & 0x80) != 0) {
+            const uint32_t third = in[2];
+            *out++ = static_cast<wchar_t>(((lead ^ 0xE0) << 12) | ((next ^ 0x80) << 6) | (third ^ 0x80));
+            if (third == 0) break;
+            in += 3;
+        } else if (lead >= 0xC0 && (next & 0x80) != 0) {
+            *out++ = static_cast<wchar_t>(((lead ^ 0xC0) << 6) | (next ^ 0x80));
+            in += 2;
+        } else {
+            // Not a sequence: a lone Latin-1 byte keeps its value.
+            *out++ = static_cast<wchar_t>(lead);
+            in += 1;
+        }
+    }
+    *out = 0;
+    return static_cast<int>(out - destination);
+}
+
+int Convert_UCS_CHAR(const wchar_t* source, char* destination) {
+    if (source == nullptr || destination == nullptr) return -1;
+    char* out = destination;
+    for (const wchar_t* in = source; *in != 0; ++in) {
+        *out++ = static_cast<char>(static_cast<uint32_t>(*in) & 0xFFu);
+    }
+    *out = 0;
+    return static_cast<int>(out - destination);
+}
+
+int Change_BOM(wchar_t* text) {
+    if (text == nullptr) return -1;
+    wchar_t* unit = text;
+    // Swap until the first unit with a zero high byte; it keeps its low byte and ends the walk. Every unit is
+    // read before it is changed, so the length on entry is still found in the same pass.
+    for (; *unit != 0; ++unit) {
+        const uint32_t value = static_cast<uint32_t>(*unit);
+        const uint32_t high = (value >> 8) & 0xFFu;
+        const uint32_t low = value & 0xFFu;
+        if (high == 0) {
+            *unit++ = static_cast<wchar_t>(low);
+            break;
+        }
+        *unit = static_cast<wchar_t>(high + (low << 8));
+    }
+    while (*unit != 0) ++unit;
+    *unit = 0;
+    return static_cast<int>(unit - text);
+}
+
+int UCS_Length(const unsigned char* buffer, int length) {
+    if (buffer == nullptr || length <= 0) return 0;
+    // Unsigned, so that a lead near the end of a buffer of INT_MAX bytes can't overflow the index.
+    const unsigned int end = static_cast<unsigned int>(length);
+    int count = 0;
+    for (unsigned int i = 0; i < end; ++count) {
+        const unsigned char lead = buffer[i];
+        if (lead >= 0xF0) {
+            i += 4;
+        } else if (lead >= 0xE0) {
+            i += 3;
+        } else if (lead >= 0xC0) {
+            i += 2;
+        } else {
+            i += 1;
+        }
+    }
+    return count;
+}

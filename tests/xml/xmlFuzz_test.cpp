@@ -1,0 +1,228 @@
+// Bounded runs over random and mutated documents. Each text sits in a heap block of exactly its size, so the
+// address sanitizer stops any read past it; reads in front of a sub-range are caught by comparing with a
+// parse of the sub-range alone. The node list is also compared with the one the plain splitter cuts give.
+#include "msplatform/xmlParser.h"
+
+#include <string.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "xmlTestSupport.h"
+
+namespace {
+
+using xmltest::ExactBuffer;
+using xmltest::Nodes;
+
+// The node list as the cuts at "<", ">", " " and ":" give it, made with the exported splitter step by step.
+Nodes ReferenceParse(char* text, int start, int end) {
+    std::vector<xml_node> nodes;
+    char lt[] = "<", gt[] = ">", blank[] = " ", colon[] = ":";
+    parser_result* candidates = xml_ParseString(text, start, end, lt, 1);
+    for (parser_field* c = candidates->first; c; c = c->next) {
+        if (c->length < 1 || c->text[0] == '?') continue;
+        const bool closing = c->text[0] == '/';
+        bool empty = false;
+        parser_result* pieces = closing ? xml_ParseString(c->text, 1, c->length, gt, 1)
+                                        : xml_ParseString(c->text, 0, c->length, gt, 1);
+        parser_field* piece = pieces->first;
+        if (!closing && piece->length > 0 && piece->text[piece->length - 1] == '/') empty = true;
+        char* position = closing ? c->text : pieces->last->text;
+        parser_result* words = xml_ParseString(piece->text, 0, piece->length, blank, 1);
+        parser_result* parts = xml_ParseString(words->first->text, 0, words->first->length, colon, 1);
+        xml_node node{};
+        if (parts->count > 1) {
+            node.prefix = parts->first->text;
+            node.prefixLength = parts->first->length;
+            node.name = parts->first->next->text;
+            node.nameLength = parts->first->next->length;
+        } else {
+            node.name = parts->first->text;
+            node.nameLength = parts->first->length;
+        }
+        for (int i = 1; i < node.nameLength; ++i) {
+            const char b = node.name[i];
+            if (b == '/' || b == '\r' || b == '\n') {
+                if (b == '/') empty = true;
+                node.nameLength = i;
+                break;
+            }
+        }
+        xml_DestructParserResults(parts);
+        xml_DestructParserResults(words);
+        xml_DestructParserResults(pieces);
+        if (node.nameLength == 0) continue;
+        node.isStart = closing ? 0 : ~0;
+        node.position = position;
+        node.isEmpty = empty ? ~0 : 0;
+        nodes.push_back(node);
+        if (empty) {
+            node.isStart = 0;
+            node.isEmpty = 0;
+            nodes.push_back(node);
+        }
+    }
+    xml_DestructParserResults(candidates);
+    for (size_t i = 0; i + 1 < nodes.size(); ++i) nodes[i].next = &nodes[i + 1];
+    return xmltest::Render(text, nodes.empty() ? nullptr : &nodes[0]);
+}
+
+// The attributes as the quote-aware cuts at " ", ":" and "=" give them, made with the exported splitter.
+xmltest::Attributes ReferenceAttributes(const char* base, xml_node* node) {
+    char* lt = node->position - 1;
+    while (*lt != '<') --lt;
+    char* tag = lt + 1;
+    const int length = static_cast<int>(node->position - tag) - (node->isEmpty ? 2 : 1);
+    char blank[] = " ", colon[] = ":", equals[] = "=";
+    std::vector<xml_attribute> records;
+    parser_result* tokens = xml_ParseStringAdv(tag, 0, length, blank, 1);
+    for (parser_field* t = tokens->first->next; t; t = t->next) {
+        xml_attribute a{};
+        parser_result* parts = xml_ParseStringAdv(t->text, 0, t->length, colon, 1);
+        int restStart = 0;
+        if (parts->count > 1) {
+            a.prefix = parts->first->text;
+            a.prefixLength = parts->first->length;
+            restStart = parts->first->length + 1;
+        }
+        parser_result* sides = xml_ParseStringAdv(t->text, restStart, t->length - restStart, equals, 1);
+        a.name = sides->first->text;
+        a.nameLength = sides->first->length;
+        a.value = sides->last->text;
+        a.valueLength = sides->last->length;
+        xml_DestructParserResults(sides);
+        xml_DestructParserResults(parts);
+        records.insert(records.begin(), a);
+    }
+    xml_DestructParserResults(tokens);
+    for (size_t i = 0; i + 1 < records.size(); ++i) records[i].next = &records[i + 1];
+    return xmltest::Render(base, records.empty() ? nullptr : &records[0]);
+}
+
+const char* const kSeeds[] = {
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<formats>\n  <format ext=\"mp3\" mime='audio/mpeg'>\n"
+    "    <dlna:profile>MP3</dlna:profile>\n    <parser name=\"id3\"/>\n  </format>\n</formats>\n",
+    "<lang><term id=\"1\" x:y=\"a b\">Hello &amp; bye</term><term id='2' flag/><!-- c --></lang>",
+    "<a><b>1 < 2 > 0</b><![CDATA[ <x> ]]><c d=\"e>f\" /></a></a/><:z></>",
+    "lead<a\tb=\"1\"\r\n c='2 3'>t</a><//a>< a><a:></a>",
+};
+
+// Bytes that matter to the parser, weighted in, and any byte at all now and then.
+char RandomByte(std::mt19937& rng) {
+    static const char kInteresting[] = "<<<>>>///   ::?!?!\"\"''==&;\n\r\tababxyz-[]";
+    std::uniform_int_distribution<int> pick(0, 9);
+    if (pick(rng) == 0) return static_cast<char>(std::uniform_int_distribution<int>(0, 255)(rng));
+    return kInteresting[std::uniform_int_distribution<size_t>(0, sizeof(kInteresting) - 2)(rng)];
+}
+
+std::string RandomDocument(std::mt19937& rng) {
+    std::string text(std::uniform_int_distribution<size_t>(0, 80)(rng), '\0');
+    for (char& b : text) b = RandomByte(rng);
+    return text;
+}
+
+std::string MutatedDocument(std::mt19937& rng) {
+    std::string text = kSeeds[std::uniform_int_distribution<size_t>(0, std::size(kSeeds) - 1)(rng)];
+    const int edits = std::uniform_int_distribution<int>(1, 8)(rng);
+    for (int e = 0; e < edits; ++e) {
+        const size_t at = std::uniform_int_distribution<size_t>(0, text.size())(rng);
+        switch (std::uniform_int_distribution<int>(0, 3)(rng)) {
+            case 0:
+                text.insert(at, 1, RandomByte(rng));
+                break;
+            case 1:
+                if (at < text.size()) text[at] = RandomByte(rng);
+                break;
+            case 2:
+                text.erase(at, std::uniform_int_distribution<size_t>(1, 6)(rng));
+                break;
+            default:
+                text.resize(at);
+                break;
+        }
+    }
+    return text;
+}
+
+// Everything the parser gives must lie inside [low, high).
+void ExpectInside(const xml_node* first, const char* low, const char* high) {
+    for (const xml_node* n = first; n; n = n->next) {
+        ASSERT_GT(n->nameLength, 0);
+        EXPECT_TRUE(n->name >= low && n->name + n->nameLength <= high);
+        if (n->prefix) {
+            EXPECT_TRUE(n->prefix >= low && n->prefix + n->prefixLength <= high);
+        }
+        EXPECT_TRUE(n->position >= low && n->position <= high);
+    }
+}
+
+void Exercise(const std::string& text, std::mt19937& rng) {
+    ExactBuffer buffer(text);
+    char* const base = buffer.data();
+    const int size = buffer.size();
+
+    xml_node* first = xml_ParseXML(base, 0, size);
+    ASSERT_EQ(xmltest::Render(base, first), ReferenceParse(base, 0, size));
+    ExpectInside(first, base, base + size);
+
+    const int result = xml_ProcessXMLNodeList(first);
+    EXPECT_TRUE(result == 0 || result == -1 || result == -2 || result == -3) << result;
+    for (xml_node* n = first; n; n = n->next) {
+        char* inner = nullptr;
+        const int length = xml_ReadInnerXML(n, &inner);
+        ASSERT_GE(length, 0);
+        if (inner) {
+            EXPECT_TRUE(inner >= base && inner + length <= base + size);
+        }
+        // Every node with a "<" in front of its position in the buffer may be asked for its attributes.
+        if (!memrchr(base, '<', static_cast<size_t>(n->position - base))) continue;
+        xml_attribute* attributes = xml_GetXMLAttributes(n);
+        EXPECT_EQ(xmltest::Render(base, attributes), ReferenceAttributes(base, n));
+        for (const xml_attribute* a = attributes; a; a = a->next) {
+            EXPECT_TRUE(a->name >= base && a->name + a->nameLength <= n->position);
+            EXPECT_TRUE(a->value >= base && a->value + a->valueLength <= n->position);
+            if (a->prefix) {
+                EXPECT_TRUE(a->prefix >= base && a->prefix + a->prefixLength <= n->position);
+            }
+        }
+        xml_DestructXMLAttributeList(attributes);
+    }
+    xml_DestructXMLNodeList(first);
+
+    // The entity functions read up to the terminator and no further, whatever stands before it.
+    ExactBuffer terminated(std::string(text.c_str(), strlen(text.c_str()) + 1));
+    const int escapedLength = xml_XmlEscapeLength(terminated.data());
+    ExactBuffer escaped(std::string(static_cast<size_t>(escapedLength) + 1, '#'));
+    EXPECT_EQ(xml_XmlEscape(escaped.data(), terminated.data()), escapedLength);
+    const int decoded = xml_InPlaceXmlUnEscape(terminated.data());
+    EXPECT_EQ(decoded, static_cast<int>(strlen(terminated.data())));
+    EXPECT_LE(decoded, terminated.size() - 1);
+
+    // A sub-range reads nothing outside itself: its nodes are those of a copy of the sub-range alone.
+    const int start = std::uniform_int_distribution<int>(0, size)(rng);
+    const int end = std::uniform_int_distribution<int>(start, size)(rng);
+    ExactBuffer part(text.substr(static_cast<size_t>(start), static_cast<size_t>(end - start)));
+    xml_node* ranged = xml_ParseXML(base, start, end);
+    xml_node* alone = xml_ParseXML(part.data(), 0, part.size());
+    EXPECT_EQ(xmltest::Render(base + start, ranged), xmltest::Render(part.data(), alone));
+    EXPECT_EQ(xmltest::Render(base, ranged), ReferenceParse(base, start, end));
+    xml_DestructXMLNodeList(ranged);
+    xml_DestructXMLNodeList(alone);
+}
+
+TEST(XmlFuzz, RandomAndMutatedDocuments) {
+    std::mt19937 rng(20261123);
+    for (const char* seed : kSeeds) Exercise(seed, rng);
+    for (int i = 0; i < 20000 && !HasFatalFailure(); ++i) {
+        const std::string text = i % 2 ? RandomDocument(rng) : MutatedDocument(rng);
+        SCOPED_TRACE(testing::PrintToString(text));
+        Exercise(text, rng);
+        if (HasFailure()) break;
+    }
+}
+
+}  // namespace

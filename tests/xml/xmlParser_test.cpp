@@ -1,0 +1,325 @@
+#include "msplatform/xmlParser.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "xmlTestSupport.h"
+
+namespace {
+
+using xmltest::Nodes;
+using xmltest::Parsed;
+
+struct ParseCase {
+    std::string text;
+    Nodes nodes;
+};
+
+TEST(XmlParseXML, WhatTheCutsMakeOfText) {
+    const ParseCase cases[] = {
+        {"", {}},
+        {"   ", {}},
+        {"<?xml version=\"1.0\"?>", {}},
+        {"<?pi?>", {}},
+        {"<?xml version=\"1.0\"?>\n<a>", {"<a@23 #25"}},
+        {"<?pi?>text<a>", {"<a@11 #13"}},
+        {"<a>", {"<a@1 #3"}},
+        {"<a><b>", {"<a@1 #3", "<b@4 #6"}},
+        {"</a>", {"</a@2 #1"}},
+        {"</a >", {"</a@2 #1"}},
+        {"<a/>", {"<a@1 #4 empty", "</a@1 #4"}},
+        {"<a />", {"<a@1 #5 empty", "</a@1 #5"}},
+        {"<a b=\"1\"/>", {"<a@1 #10 empty", "</a@1 #10"}},
+        {"<a/ >", {"<a@1 #5 empty", "</a@1 #5"}},
+        {"<a/", {"<a@1 #1 empty", "</a@1 #1"}},
+        {"<a/b>", {"<a@1 #5 empty", "</a@1 #5"}},
+        {"</a/>", {"</a@2 #1 empty", "</a@2 #1"}},
+        {"</a />", {"</a@2 #1"}},
+        {"<x:a>", {"<x@1:a@3 #5"}},
+        {"</x:a>", {"</x@2:a@4 #1"}},
+        {"<x:a:b>", {"<x@1:a@3 #7"}},
+        {"<:a>", {"<@1:a@2 #4"}},
+        {"<x:a/>", {"<x@1:a@3 #6 empty", "</x@1:a@3 #6"}},
+        {"<a/b:c>", {"<a/b@1:c@5 #7"}},
+        {"<a:>", {}},
+        {"<>", {}},
+        {"</>", {}},
+        {"< a>", {}},
+        {"</ a>", {}},
+        {"<<a>", {"<a@2 #4"}},
+        {"<//a>", {"<//a@2 #1"}},
+        {"<!-- a comment -->", {"<!--@1 #18"}},
+        {"<!-- x<y -->", {"<!--@1 #1", "<y@7 #12"}},
+        {"<!DOCTYPE x>", {"<!DOCTYPE@1 #12"}},
+        {"<![CDATA[ text ]]>", {"<![CDATA[@1 #18"}},
+        {"<![CDATA[ <b ]]>", {"<![CDATA[@1 #1", "<b@11 #16"}},
+        {"<a>1 > 0</a>", {"<a@1 #6", "</a@10 #9"}},
+        {"<a>1 < 2</a>", {"<a@1 #3", "</a@10 #9"}},
+        {"<a>1 <2</a>", {"<a@1 #3", "<2@6 #6", "</a@9 #8"}},
+        {"<a b=\"x>y\">t</a>", {"<a@1 #11", "</a@14 #13"}},
+        {"<a b=\"x>y\"/>", {"<a@1 #12"}},
+        {"<a b=\"x/\">", {"<a@1 #10"}},
+        {"<a b=\"1<2\">", {"<a@1 #1", "<2\"@8 #11"}},
+        {"<a x:y=\"1\">", {"<a@1 #11"}},
+        {"<a\nb=\"1\">", {"<a@1 #9"}},
+        {"<a\r\n b=\"1\">", {"<a@1 #11"}},
+        {"<\na>", {"<\na@1 #4"}},
+        {"<a\tb=\"1\" c>", {"<a\tb=\"1\"@1 #11"}},
+        {"<a\tx:b>", {"<a\tx@1:b@5 #7"}},
+        {"lead text<a>", {"<lead@0 #0", "<a@10 #12"}},
+        {"abc", {"<abc@0 #0"}},
+        {"\n", {"<\n@0 #0"}},
+        {"\xEF\xBB\xBF<a/>", {"<\xEF\xBB\xBF@0 #0", "<a@4 #7 empty", "</a@4 #7"}},
+        {std::string("<a\0b>", 5), {std::string("<a\0b@1 #5", 9)}},
+        {std::string("\0", 1), {std::string("<\0@0 #0", 7)}},
+        {"<r>\n  <a x=\"1\">t</a>\n</r>\n", {"<r@1 #3", "<a@7 #15", "</a@18 #17", "</r@23 #22"}},
+    };
+    for (const ParseCase& c : cases) {
+        SCOPED_TRACE(c.text);
+        Parsed parsed(c.text);
+        EXPECT_EQ(parsed.nodes(), c.nodes);
+        EXPECT_EQ(parsed.first() == nullptr, c.nodes.empty());
+    }
+}
+
+TEST(XmlParseXML, RangeBoundsTheWork) {
+    xmltest::ExactBuffer text("xx<a>yy<b>zz");
+    auto parse = [&](int start, int end) {
+        xml_node* first = xml_ParseXML(text.data(), start, end);
+        Nodes nodes = xmltest::Render(text.data(), first);
+        xml_DestructXMLNodeList(first);
+        return nodes;
+    };
+    EXPECT_EQ(parse(2, 5), (Nodes{"<a@3 #5"}));
+    EXPECT_EQ(parse(2, 4), (Nodes{"<a@3 #3"}));
+    EXPECT_EQ(parse(3, 12), (Nodes{"<a@3 #5", "<b@8 #10"}));
+    EXPECT_EQ(parse(5, 5), Nodes{});
+    EXPECT_EQ(parse(9, 2), Nodes{});
+    EXPECT_EQ(xml_ParseXML(nullptr, 0, 10), nullptr);
+}
+
+TEST(XmlParseXML, FailedAllocationGivesNoList) {
+    const std::string text = "<a><b/></a>";
+    for (int granted = 0; granted < 4; ++granted) {
+        SCOPED_TRACE(granted);
+        xmltest::ExactBuffer buffer(text);
+        xmltest::FailAllocationsAfter failing(granted);
+        EXPECT_EQ(xml_ParseXML(buffer.data(), 0, buffer.size()), nullptr);
+    }
+    xmltest::ExactBuffer buffer(text);
+    xmltest::FailAllocationsAfter failing(4);
+    xml_node* first = xml_ParseXML(buffer.data(), 0, buffer.size());
+    EXPECT_EQ(xmltest::Render(buffer.data(), first).size(), 4u);
+    xml_DestructXMLNodeList(first);
+}
+
+struct TreeCase {
+    std::string text;
+    int result;
+    Nodes nodes;
+};
+
+TEST(XmlProcessXMLNodeList, ResultsAndLinks) {
+    const TreeCase cases[] = {
+        {"", 0, {}},
+        {"<a/>", 0, {"<a@1 #4 empty close=1", "</a@1 #4 open=0"}},
+        {"<a></a>", 0, {"<a@1 #3 close=1", "</a@5 #4 open=0"}},
+        {"<a>", -3, {"<a@1 #3"}},
+        {"\n", -3, {"<\n@0 #0"}},
+        {"</a>", -1, {"</a@2 #1"}},
+        {"</a/>", -1, {"</a@2 #1 empty", "</a@2 #1"}},
+        {"<a></b>", -2, {"<a@1 #3", "</b@5 #4"}},
+        {"<a></A>", -2, {"<a@1 #3", "</A@5 #4"}},
+        {"<x:a></y:a>", 0, {"<x@1:a@3 #5 close=1", "</y@7:a@9 #6 open=0"}},
+        {"<a></a></a>", -1, {"<a@1 #3 close=1", "</a@5 #4 open=0", "</a@9 #8"}},
+        {"<a><b></c></a>", -3, {"<a@1 #3", "<b@4 #6 parent=0", "</c@8 #7", "</a@12 #11"}},
+        {"<a><b></a></b>", -3, {"<a@1 #3", "<b@4 #6 parent=0", "</a@8 #7", "</b@12 #11"}},
+        {"<!-- c --><a/>", -3, {"<!--@1 #10", "<a@11 #14 empty parent=0 close=2", "</a@11 #14 open=1"}},
+        {"<a><!-- c --><b/></a>",
+         -3,
+         {"<a@1 #3", "<!--@4 #13 parent=0", "<b@14 #17 empty parent=1 close=3", "</b@14 #17 open=2",
+          "</a@19 #18"}},
+        {"<r><a/><b/></r>",
+         0,
+         {"<r@1 #3 close=5", "<a@4 #7 empty parent=0 peer=3 close=2", "</a@4 #7 open=1",
+          "<b@8 #11 empty parent=0 close=4", "</b@8 #11 open=3", "</r@13 #12 open=0"}},
+        {"<r><a>t</a> x <b/></r>",
+         0,
+         {"<r@1 #3 close=5", "<a@4 #6 parent=0 peer=3 close=2", "</a@9 #8 open=1",
+          "<b@15 #18 empty parent=0 close=4", "</b@15 #18 open=3", "</r@20 #19 open=0"}},
+        {"<a/>text<b/>",
+         0,
+         {"<a@1 #4 empty peer=2 close=1", "</a@1 #4 open=0", "<b@9 #12 empty close=3", "</b@9 #12 open=2"}},
+        {"<a><b><c/></b><d></d></a>",
+         0,
+         {"<a@1 #3 close=7", "<b@4 #6 parent=0 peer=5 close=4", "<c@7 #10 empty parent=1 close=3",
+          "</c@7 #10 open=2", "</b@12 #11 open=1", "<d@15 #17 parent=0 close=6", "</d@19 #18 open=5",
+          "</a@23 #22 open=0"}},
+        // The first pair of a stops at the difference; the nodes behind keep null links.
+        {"<a></b><c></c>", -2, {"<a@1 #3", "</b@5 #4", "<c@8 #10", "</c@12 #11"}},
+        {"<a>1 <2</a>", -3, {"<a@1 #3", "<2@6 #6 parent=0", "</a@9 #8"}},
+    };
+    for (const TreeCase& c : cases) {
+        SCOPED_TRACE(c.text);
+        Parsed parsed(c.text);
+        {
+            // Matching keeps its stack in the nodes: nothing is allocated, so nothing can be left behind.
+            xmltest::CountAllocations allocations;
+            EXPECT_EQ(xml_ProcessXMLNodeList(parsed.first()), c.result);
+            for (xml_node* n = parsed.first(); n; n = n->next) xml_ReadInnerXML(n, nullptr);
+            EXPECT_EQ(allocations.made(), 0);
+        }
+        EXPECT_EQ(parsed.nodes(), c.nodes);
+    }
+}
+
+TEST(XmlProcessXMLNodeList, RunsAgainOnALinkedList) {
+    Parsed parsed("<r><a/><b></b></r>");
+    ASSERT_EQ(xml_ProcessXMLNodeList(parsed.first()), 0);
+    const Nodes once = parsed.nodes();
+    EXPECT_EQ(xml_ProcessXMLNodeList(parsed.first()), 0);
+    EXPECT_EQ(parsed.nodes(), once);
+}
+
+struct InnerCase {
+    std::string text;
+    size_t node;        // index of the node asked
+    int length;         // result
+    long innerOffset;   // where the pointer was set, -1 if it was not written
+    std::string inner;  // the bytes it covers
+};
+
+TEST(XmlReadInnerXML, FindsTheRawTextBetweenTheTags) {
+    const InnerCase cases[] = {
+        {"<a/>", 0, 0, 4, ""},
+        {"<a></a>", 0, 0, 3, ""},
+        {"<a>x</a>", 0, 1, 3, "x"},
+        {"<a><b>x</b></a>", 0, 8, 3, "<b>x</b>"},
+        {"<a><b>x</b></a>", 1, 1, 6, "x"},
+        {"<a><a>x</a>y</a>", 0, 9, 3, "<a>x</a>y"},
+        {"<a><b/>&amp;</a>", 0, 9, 3, "<b/>&amp;"},
+        {"<a>1 > 0</a>", 0, 2, 6, " 0"},
+        {"<a>1 < 2</a>", 0, 5, 3, "1 < 2"},
+        {"<a b=\"x>y\">t</a>", 0, 1, 11, "t"},
+        {"<x:a>t</y:a>", 0, 1, 5, "t"},
+        // The text between the pair is read even where the tags inside do not balance.
+        {"<a><b></a>", 1, 0, -1, ""},
+        {"<a><b></a>", 0, 0, -1, ""},
+        {"<a><b></c></a>", 0, 7, 3, "<b></c>"},
+        {"<a><a></a>", 0, 0, -1, ""},
+        {"<a><a></a>", 1, 0, 6, ""},
+        {"<a></A>", 0, 0, -1, ""},
+        {"<a>", 0, 0, -1, ""},
+        // A closing node has nothing inside.
+        {"<a>x</a>", 1, 0, -1, ""},
+        // No ">" in the start tag: its position is its first byte.
+        {"<a</a>", 0, 1, 1, "a"},
+        {"<a x</a>", 0, 3, 1, "a x"},
+    };
+    for (const InnerCase& c : cases) {
+        SCOPED_TRACE(c.text + " node " + std::to_string(c.node));
+        Parsed parsed(c.text);
+        ASSERT_NE(parsed.at(c.node), nullptr);
+        char* const untouched = reinterpret_cast<char*>(&parsed);
+        char* inner = untouched;
+        EXPECT_EQ(xml_ReadInnerXML(parsed.at(c.node), &inner), c.length);
+        EXPECT_EQ(inner == untouched ? -1L : static_cast<long>(inner - parsed.base()), c.innerOffset);
+        if (inner != untouched) {
+            EXPECT_EQ(std::string(inner, static_cast<size_t>(c.length)), c.inner);
+        }
+        // The tree links play no part.
+        EXPECT_EQ(xml_ProcessXMLNodeList(parsed.first()) <= 0, true);
+        char* again = untouched;
+        EXPECT_EQ(xml_ReadInnerXML(parsed.at(c.node), &again), c.length);
+        EXPECT_EQ(again, inner);
+    }
+}
+
+TEST(XmlReadInnerXML, NullArgumentsAreHarmless) {
+    char* inner = nullptr;
+    EXPECT_EQ(xml_ReadInnerXML(nullptr, &inner), 0);
+    EXPECT_EQ(inner, nullptr);
+    Parsed parsed("<a>xy</a>");
+    EXPECT_EQ(xml_ReadInnerXML(parsed.first(), nullptr), 2);
+}
+
+// Lists that xml_ParseXML never makes: the walks must still end and take null names and links.
+TEST(XmlNodeList, HandMadeListsEnd) {
+    char text[] = "<a>";
+    auto node = [&](bool start) {
+        xml_node n{};
+        n.name = text + 1;
+        n.nameLength = 1;
+        n.isStart = start ? ~0 : 0;
+        n.position = text + 3;
+        return n;
+    };
+    // A list that loops back on itself, with and without a lead-in.
+    for (size_t loopStart : {0u, 1u, 3u}) {
+        for (size_t size : {1u, 2u, 5u, 8u}) {
+            if (loopStart >= size) continue;
+            SCOPED_TRACE(testing::Message() << loopStart << " " << size);
+            std::vector<xml_node> nodes;
+            for (size_t i = 0; i < size; ++i) nodes.push_back(node(i % 3 != 2));
+            for (size_t i = 0; i + 1 < size; ++i) nodes[i].next = &nodes[i + 1];
+            nodes[size - 1].next = &nodes[loopStart];
+            int result = xml_ProcessXMLNodeList(&nodes[0]);
+            EXPECT_TRUE(result == 0 || result == -1 || result == -2 || result == -3);
+            for (size_t i = 0; i < size; ++i) xml_ReadInnerXML(&nodes[i], nullptr);
+        }
+    }
+    // A start node whose only follower is a closing node with no name at all.
+    xml_node a = node(true);
+    xml_node nameless = node(false);
+    nameless.name = nullptr;
+    nameless.nameLength = 0;
+    a.next = &nameless;
+    char* inner = nullptr;
+    EXPECT_EQ(xml_ReadInnerXML(&a, &inner), 0);
+    EXPECT_EQ(inner, nullptr);
+    EXPECT_EQ(xml_ProcessXMLNodeList(&a), -2);
+    EXPECT_EQ(xml_ProcessXMLNodeList(nullptr), 0);
+    xml_DestructXMLNodeList(nullptr);
+}
+
+TEST(XmlStack, LastInFirstOut) {
+    void* stack = reinterpret_cast<void*>(1);
+    xml_CreateStack(&stack);
+    EXPECT_EQ(stack, nullptr);
+    EXPECT_EQ(xml_PeekStack(&stack), nullptr);
+    EXPECT_EQ(xml_PopStack(&stack), nullptr);
+    int a, b, c;
+    xml_PushStack(&stack, &a);
+    xml_PushStack(&stack, &b);
+    EXPECT_EQ(xml_PeekStack(&stack), &b);
+    EXPECT_EQ(xml_PopStack(&stack), &b);
+    xml_PushStack(&stack, &c);
+    std::vector<void*> popped;
+    while (void* v = xml_PopStack(&stack)) popped.push_back(v);
+    EXPECT_EQ(popped, (std::vector<void*>{&c, &a}));
+    EXPECT_EQ(stack, nullptr);
+
+    for (int i = 0; i < 100; ++i) xml_PushStack(&stack, &a);
+    xml_ClearStack(&stack);
+    EXPECT_EQ(stack, nullptr);
+
+    // A push that cannot allocate leaves the stack as it was.
+    xml_PushStack(&stack, &a);
+    {
+        xmltest::FailAllocationsAfter failing(0);
+        xml_PushStack(&stack, &b);
+    }
+    EXPECT_EQ(xml_PopStack(&stack), &a);
+    EXPECT_EQ(xml_PopStack(&stack), nullptr);
+
+    // A null handle is no stack at all.
+    xml_CreateStack(nullptr);
+    xml_PushStack(nullptr, &a);
+    EXPECT_EQ(xml_PeekStack(nullptr), nullptr);
+    EXPECT_EQ(xml_PopStack(nullptr), nullptr);
+    xml_ClearStack(nullptr);
+}
+
+}  // namespace

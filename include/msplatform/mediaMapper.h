@@ -46,7 +46,8 @@ public:
     char* getDLNAClassByExtension(char* extension);
     char* getDLNAProfileByExtension(char* extension);
     char* getDAPNameByExtension(char* extension);
-    // Returns parserName and stores mediaType through mediaType; nothing is stored for an unknown extension.
+    // Returns parserName and stores mediaType through mediaType (if not null); nothing is stored for an
+    // unknown extension.
     char* getParserNameByExtension(char* extension, char* mediaType);
     unsigned char getTranscodeFlagByExtension(char* extension);
     char getMediaTypeByExtension(char* extension);

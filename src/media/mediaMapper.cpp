@@ -337,7 +337,7 @@ char* MediaMapper::getDAPNameByExtension(char* extension) {
 char* MediaMapper::getParserNameByExtension(char* extension, char* mediaType) {
     MediaFormatInfo* format = getFormatInfoByExtension(extension);
     if (format == nullptr) return nullptr;
-    *mediaType = format->mediaType;
+    if (mediaType != nullptr) *mediaType = format->mediaType;
     return format->parserName;
 }
 

@@ -85,6 +85,7 @@ TEST_F(MediaFormatQueries, FieldGettersGiveTheFirstRecordsFields) {
     char type = 'x';
     EXPECT_EQ("mp3Parser", Text(MF_GetParserNameByExtension(mp3, &type)));
     EXPECT_EQ('a', type);
+    EXPECT_EQ("mp3Parser", Text(MF_GetParserNameByExtension(mp3, nullptr)));  // no out byte: nothing stored
 
     // A record without the field answers like an unknown extension, but for the media type's out byte.
     EXPECT_EQ(nullptr, MF_GetFormatNameByExtension(flac));

@@ -59,10 +59,9 @@ private:
     MediaMapper mapper_;
 };
 
-// data/MediaFormats.xml of the source tree, found from this file's place.
+// data/MediaFormats.xml of the source tree.
 inline std::string ShippedTablePath() {
-    std::string here = __FILE__;
-    return here.substr(0, here.rfind('/')) + "/../../data/MediaFormats.xml";
+    return std::string(MSPLATFORM_SOURCE_DIR) + "/data/MediaFormats.xml";
 }
 
 }  // namespace mediatest

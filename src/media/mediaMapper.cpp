@@ -378,7 +378,8 @@ char* MediaMapper::getUniqueParserPlugins() {
 
     MapperLock hold(*this);
     // Another thread may have built the list while this one waited for the lock.
-    if (uniqueParserPlugins != nullptr) return uniqueParserPlugins;
+    cached = __atomic_load_n(&uniqueParserPlugins, __ATOMIC_ACQUIRE);
+    if (cached != nullptr) return cached;
 
     char joined[kMaxPluginList + 1];
     size_t used = 0;

@@ -413,6 +413,21 @@ TEST(Cpyfilebuf, AStreamWithoutASizeGivesNull) {
     EXPECT_EQ(status, 0);
 }
 
+TEST(Cpyfilebuf, AFifoWithoutAWriterGivesNullAtOnce) {
+    msptest::TempDir dir;
+    const std::string fifo = dir.file("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    // Nobody holds the other end: an open that waits for a writer would never return.
+    const int status = msptest::RunChild(
+        [&] {
+            int count = 77;
+            char* buffer = cpyfilebuf(fifo.c_str(), &count);
+            return buffer == nullptr && count == 77 ? 0 : 1;
+        },
+        20000);
+    EXPECT_EQ(status, 0) << "kChildTimedOut is " << msptest::kChildTimedOut;
+}
+
 TEST(Cpyfilebuf, AFileBeyondTheSigned32BitSizeGivesNullWithoutAllocating) {
     msptest::TempDir dir;
     const std::string path = dir.file("sparse");

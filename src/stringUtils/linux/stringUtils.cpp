@@ -324,11 +324,12 @@ int HTTPUrlEscape(char* destination, const char* source) {
 }
 
 int HTTPUrlEscapeLength(const char* source) {
-    int length = 1;
+    // Wide enough for any text in memory: on the 32-bit target 720 MB of blanks would overflow an int.
+    unsigned long long length = 1;
     for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
         length += isUrlSafe(*in) ? 1 : 3;
     }
-    return length;
+    return length > static_cast<unsigned long long>(INT_MAX) ? INT_MAX : static_cast<int>(length);
 }
 
 int HTTPUrlUnEscape(char* text) {

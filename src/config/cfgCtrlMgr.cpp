@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -419,7 +420,9 @@ int ZvConfigCtrlMgr::getLineInfo(FILE* stream, char** line) {
         }
         buf[n++] = static_cast<char>(c);
         if (n == capacity) {  // keeps room for the terminator
-            char* bigger = static_cast<char*>(realloc(buf, capacity * 2));
+            // On the 32-bit target a doubled 2 GiB would wrap to 0, and realloc to 0 frees the line.
+            char* bigger =
+                capacity <= SIZE_MAX / 2 ? static_cast<char*>(realloc(buf, capacity * 2)) : nullptr;
             if (!bigger) {
                 free(buf);
                 return 0;

@@ -25,5 +25,7 @@
 #include "msplatform/commonAPIs.h"
 #include "msplatform/languageReader.h"
 #include "msplatform/ZvLanguageReader.h"
+#include "msplatform/mediaMapper.h"
+#include "msplatform/mediaFormats.h"
 #include "msplatform/eventLogger.h"
 #include "msplatform/ZvEventLogger.h"

@@ -9,20 +9,6 @@
 
 #include "os/internal.h"
 
-// `signaled` is written under `mutex` but read without it by isSet. The release store and acquire load let a
-// caller that saw 1 also see what the setter wrote before `set`.
-namespace {
-
-int LoadSignaled(const int* signaled) {
-    return __atomic_load_n(signaled, __ATOMIC_ACQUIRE);
-}
-
-void StoreSignaled(int* signaled, int value) {
-    __atomic_store_n(signaled, value, __ATOMIC_RELEASE);
-}
-
-}  // namespace
-
 Event::Event() : signaled(0), waitStatus(0) {
     ::pthread_mutex_init(&mutex, nullptr);
     ::pthread_cond_init(&cond, nullptr);
@@ -35,24 +21,24 @@ Event::~Event() {
 
 void Event::set() {
     ::pthread_mutex_lock(&mutex);
-    StoreSignaled(&signaled, 1);
+    StoreFlag(&signaled, 1);
     ::pthread_cond_signal(&cond);
     ::pthread_mutex_unlock(&mutex);
 }
 
 void Event::reset() {
     ::pthread_mutex_lock(&mutex);
-    StoreSignaled(&signaled, 0);
+    StoreFlag(&signaled, 0);
     ::pthread_mutex_unlock(&mutex);
 }
 
 int Event::isSet() {
-    return LoadSignaled(&signaled) != 0 ? 1 : 0;
+    return LoadFlag(&signaled) != 0 ? 1 : 0;
 }
 
 void Event::wait() {
     ::pthread_mutex_lock(&mutex);
-    while (LoadSignaled(&signaled) == 0) {
+    while (LoadFlag(&signaled) == 0) {
         waitStatus = osSystemCalls.condWait(&cond, &mutex);
         // A spurious wake-up (0) or an interruption goes back to sleep; any other error ends the wait.
         if (waitStatus != 0 && waitStatus != EINTR) break;
@@ -77,11 +63,11 @@ int Event::wait(int milliseconds) {
 
     ::pthread_mutex_lock(&mutex);
     // The deadline stays the same across wake-ups that find the event clear: they do not extend the time.
-    while (LoadSignaled(&signaled) == 0) {
+    while (LoadFlag(&signaled) == 0) {
         waitStatus = osSystemCalls.condTimedWait(&cond, &mutex, &deadline);
         if (waitStatus == ETIMEDOUT || (waitStatus != 0 && waitStatus != EINTR)) break;
     }
-    int result = LoadSignaled(&signaled) != 0 ? 1 : 0;
+    int result = LoadFlag(&signaled) != 0 ? 1 : 0;
     ::pthread_mutex_unlock(&mutex);
     return result;
 }

@@ -22,3 +22,12 @@ struct OsSystemCalls {
 // The real calls, and the table in use (the real calls unless a test has swapped some).
 extern const OsSystemCalls kRealOsSystemCalls;
 extern OsSystemCalls osSystemCalls;
+
+// A flag written under a mutex but read without it (Thread's `finished`, Event's `signaled`). The release
+// store and acquire load make a reader that saw the new value also see what the writer did before.
+inline int LoadFlag(const int* flag) {
+    return __atomic_load_n(flag, __ATOMIC_ACQUIRE);
+}
+inline void StoreFlag(int* flag, int value) {
+    __atomic_store_n(flag, value, __ATOMIC_RELEASE);
+}

@@ -5,20 +5,6 @@
 
 #include "os/internal.h"
 
-// `finished` is written under `mutex` but read without it by isFinished and setPriority. The release store
-// and acquire load make an owner that saw 1 also see everything the body did, so it may delete the object.
-namespace {
-
-int LoadFinished(const int* finished) {
-    return __atomic_load_n(finished, __ATOMIC_ACQUIRE);
-}
-
-void StoreFinished(int* finished, int value) {
-    __atomic_store_n(finished, value, __ATOMIC_RELEASE);
-}
-
-}  // namespace
-
 Thread::Thread(int suspended, int selfDeleting, int /*reserved*/)
     : threadId(),
       finished(0),
@@ -35,13 +21,13 @@ Thread::Thread(int suspended, int selfDeleting, int /*reserved*/)
     if (lastError != 0) {
         // No thread will ever set `finished`: without this, wait and the destructor would block for good.
         threadId = pthread_t();
-        StoreFinished(&finished, 1);
+        StoreFlag(&finished, 1);
     }
 }
 
 Thread::~Thread() {
     ::pthread_mutex_lock(&mutex);
-    while (LoadFinished(&finished) == 0 || waiterCount != 0) ::pthread_cond_wait(&waitersGoneCond, &mutex);
+    while (LoadFlag(&finished) == 0 || waiterCount != 0) ::pthread_cond_wait(&waitersGoneCond, &mutex);
     ::pthread_mutex_unlock(&mutex);
     ::pthread_cond_destroy(&stateCond);
     ::pthread_cond_destroy(&waitersGoneCond);
@@ -64,7 +50,7 @@ __attribute__((no_sanitize("null"))) void* Thread::ThreadSpawn(void* object) {
     auto finish = [self] {
         int deleteSelf = self->selfDeleting;
         ::pthread_mutex_lock(&self->mutex);
-        StoreFinished(&self->finished, 1);
+        StoreFlag(&self->finished, 1);
         ::pthread_cond_broadcast(&self->stateCond);
         ::pthread_cond_signal(&self->waitersGoneCond);
         ::pthread_mutex_unlock(&self->mutex);
@@ -94,18 +80,18 @@ void Thread::resume() {
 }
 
 int Thread::isFinished() {
-    return LoadFinished(&finished);
+    return LoadFlag(&finished);
 }
 
 void Thread::setPriority(Thread::Priority /*priority*/) {
-    if (LoadFinished(&finished) != 0) return;
+    if (LoadFlag(&finished) != 0) return;
     schedParam.sched_priority = 0;
     lastError = osSystemCalls.pthreadSetSchedParam(threadId, SCHED_OTHER, &schedParam);
 }
 
 void Thread::wait() {
     ::pthread_mutex_lock(&mutex);
-    if (LoadFinished(&finished) == 0) {
+    if (LoadFlag(&finished) == 0) {
         // One wait only, not a loop: `resume` wakes it as well, and the caller asks isFinished afterwards.
         ++waiterCount;
         ::pthread_cond_wait(&stateCond, &mutex);

@@ -12,9 +12,14 @@ inline bool Long() {
     return v && *v && strcmp(v, "0") != 0;
 }
 
-// A count for the short run, multiplied for the long one.
+// A count for the short run, multiplied for the long one; MSPLATFORM_STRESS_SCALE=n divides it by n, for
+// runs under slow tools such as valgrind.
 inline int Scaled(int shortCount, int longFactor) {
-    return Long() ? shortCount * longFactor : shortCount;
+    int n = Long() ? shortCount * longFactor : shortCount;
+    const char* v = getenv("MSPLATFORM_STRESS_SCALE");
+    const int divisor = v ? atoi(v) : 1;
+    if (divisor > 1) n = n / divisor > 0 ? n / divisor : 1;
+    return n;
 }
 
 inline long long NowMs() {

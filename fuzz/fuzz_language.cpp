@@ -82,10 +82,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(terms == reader.termsCount && terms > 0);
         const char* languages = reader.getSupportedLanguages();
         CheckText(languages);
-        int bars = 0;
-        for (const char* c = languages; *c; ++c) bars += *c == '|';
-        // A name with a zero byte in it hides the names behind it from a reader of the text.
-        FUZZ_CHECK(bars <= reader.languagesCount && reader.languagesCount > 0);
+        // The names are joined with "|" behind each; a name may itself hold a "|" or a zero byte, so the
+        // text tells nothing exact about the count.
+        FUZZ_CHECK(reader.languagesCount > 0);
     }
 
     // Every ID="..." of the text, looked up as the server would.

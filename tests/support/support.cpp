@@ -39,7 +39,9 @@ TempDir::TempDir() {
     path_ = buf.data();
 }
 
-TempDir::~TempDir() { ::nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS); }
+TempDir::~TempDir() {
+    ::nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+}
 
 ScopedChdir::ScopedChdir(const std::string& dir) {
     char buf[4096];
@@ -86,7 +88,9 @@ int WaitChild(pid_t pid, int timeoutMs) {
     return kChildSignalled;
 }
 
-int RunChild(const std::function<int()>& body, int timeoutMs) { return WaitChild(StartChild(body), timeoutMs); }
+int RunChild(const std::function<int()>& body, int timeoutMs) {
+    return WaitChild(StartChild(body), timeoutMs);
+}
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -100,7 +104,9 @@ void WriteFile(const std::string& path, const std::string& bytes) {
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
-bool FileExists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+bool FileExists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
+}
 
 CaptureFd::CaptureFd(int fd) : fd_(fd) {
     std::string pattern = TempRoot() + "/msplatform-capture-XXXXXX";

@@ -1,0 +1,359 @@
+#include "msplatform/languageReader.h"
+
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <new>
+
+#include "language/internal.h"
+#include "msplatform/ZvCfgCtrlMgr.h"
+#include "msplatform/mutex.h"
+#include "msplatform/xmlParser.h"
+
+void* (*languageReaderCalloc)(size_t count, size_t size) = calloc;
+
+namespace {
+
+// The configuration functions take writable names; these are never written.
+char kSection[] = "LANGUAGE";
+char kPathKey[] = "languageFilePath";
+char kLanguageKey[] = "currentLanguage";
+
+// Bytes of the language file's path, terminator included.
+constexpr int kPathSize = 256;
+
+// Holds the reader's lock for a scope; a reader whose lock is gone runs without one.
+class ReaderLock {
+public:
+    explicit ReaderLock(Mutex* mutex) : mutex_(mutex) {
+        if (mutex_) mutex_->lock();
+    }
+    ~ReaderLock() {
+        if (mutex_) mutex_->unlock();
+    }
+    ReaderLock(const ReaderLock&) = delete;
+    ReaderLock& operator=(const ReaderLock&) = delete;
+
+private:
+    Mutex* mutex_;
+};
+
+// Whether the node's name begins with `word` (names are not terminated).
+bool nameStartsWith(const xml_node* node, const char* word) {
+    size_t length = strlen(word);
+    return node->nameLength >= 0 && static_cast<size_t>(node->nameLength) >= length &&
+           memcmp(node->name, word, length) == 0;
+}
+
+void releaseTerm(termInfo* term) {
+    if (!term) return;
+    free(term->id);
+    free(term->value);
+    free(term);
+}
+
+// A terminated, unescaped copy of `length` bytes at `source`; null if memory runs out.
+char* unescapedCopy(const char* source, int length) {
+    char* copy = static_cast<char*>(languageReaderCalloc(static_cast<size_t>(length) + 1, 1));
+    if (!copy) return nullptr;
+    memcpy(copy, source, static_cast<size_t>(length));
+    xml_InPlaceXmlUnEscape(copy);
+    return copy;
+}
+
+}  // namespace
+
+ZvLanguageReader::ZvLanguageReader()
+    : currentLanguage(nullptr),
+      supportedLanguages(nullptr),
+      languagesCount(0),
+      termsCount(0),
+      termInfoList(nullptr),
+      languageInfoList(nullptr),
+      mutex(new (std::nothrow) Mutex("languageReader")) {}
+
+ZvLanguageReader::~ZvLanguageReader() {
+    deinitialize();
+}
+
+int ZvLanguageReader::initialize(char* configPath) {
+    ReaderLock hold(mutex);
+    char languageFilePath[kPathSize] = {};
+    char* text = nullptr;
+    xml_node* nodes = nullptr;
+    int result = 0;
+    try {
+        if (loadConfigValues(configPath, languageFilePath) != 1)
+            throw "Loading Configuration values Failed !!!";
+        int size = copyXMLFileBuffer(languageFilePath, &text);
+        if (size == 0 || !text) throw "Copying XML buffer Failed !!!";
+        nodes = copyBufferToXMLNode(text, size);
+        if (!nodes) throw "Copying buffer to xmlnode Failed !!!";
+        languagesCount = loadLanguagesList(nodes);
+        if (languagesCount == 0) throw "Supported Languages list not found !!!";
+        termsCount = loadTermTableContents(nodes);
+        if (termsCount == 0) throw "Listing TermTable contents failed !!!";
+        result = 1;
+    } catch (const char* why) {
+        fprintf(stderr, "initialize exception : %s", why);
+    }
+    free(text);
+    xml_DestructXMLNodeList(nodes);
+    return result;
+}
+
+void ZvLanguageReader::deinitialize() {
+    if (mutex) mutex->lock();
+    free(currentLanguage);
+    free(supportedLanguages);
+    currentLanguage = nullptr;
+    supportedLanguages = nullptr;
+    languagesCount = 0;
+    termsCount = 0;
+    clearLanguageNodes();
+    clearTermInfoNodes();
+    if (mutex) {
+        mutex->unlock();
+        delete mutex;  // removes the semaphore for every process: the reader stays without a lock
+    }
+    mutex = nullptr;
+    termInfoList = nullptr;
+    languageInfoList = nullptr;
+}
+
+char* ZvLanguageReader::getTermInfobyID(char const* id) {
+    if (!id) return nullptr;
+    ReaderLock hold(mutex);
+    for (termInfo* term = termInfoList; term; term = term->next) {
+        if (term->id && strcmp(term->id, id) == 0) return term->value;
+    }
+    return nullptr;
+}
+
+char* ZvLanguageReader::getSupportedLanguages() {
+    return supportedLanguages;
+}
+
+int ZvLanguageReader::loadConfigValues(char* configPath, char* languageFilePath) {
+    int initialized = 0;
+    int result = 0;
+    try {
+        if (!configPath) throw "Configuration File Path empty !!!";
+        initialized = initializeConfig(configPath);
+        if (initialized != CFG_OK && initialized != CFG_ALREADY_INITIALIZED)
+            throw "Initialization of config module failed !!!";
+        int length = 0;
+        if (getConfigStringLen(kSection, kPathKey, length) != CFG_OK)
+            throw "GetConfigStringLen failed while getting language filepath !!!";
+        // The copy writes length bytes and a terminator: a longer path would not fit the caller's buffer.
+        if (length < 0 || length >= kPathSize) throw "Language file path too long !!!";
+        if (getConfigString(kSection, kPathKey, reinterpret_cast<unsigned char*>(languageFilePath), length) !=
+            CFG_OK)
+            throw "GetConfigString failed while getting language filepath !!!";
+        if (getConfigStringLen(kSection, kLanguageKey, length) != CFG_OK || length < 0)
+            throw "GetConfigStringLen failed while getting current language !!!";
+        free(currentLanguage);
+        currentLanguage = static_cast<char*>(calloc(static_cast<size_t>(length) + 1, 1));
+        if (!currentLanguage) throw "Not enough memory found !!!";
+        if (getConfigString(kSection, kLanguageKey, reinterpret_cast<unsigned char*>(currentLanguage),
+                            length) != CFG_OK)
+            throw "GetConfigString failed while getting current language !!!";
+        result = 1;
+    } catch (const char* why) {
+        fprintf(stderr, "loadConfigValues: %s", why);
+        free(currentLanguage);
+        currentLanguage = nullptr;
+    }
+    if (initialized == CFG_OK) deinitializeConfig();
+    return result;
+}
+
+int ZvLanguageReader::copyXMLFileBuffer(char* path, char** text) {
+    if (!text) return 0;
+    FILE* file = nullptr;
+    try {
+        file = path ? fopen64(path, "rb") : nullptr;
+        if (!file) throw "File Open Error";
+        fseeko64(file, 0, SEEK_END);
+        off64_t size = ftello64(file);
+        fseeko64(file, 0, SEEK_SET);
+        // A size that can't be told (a directory, a pipe) or that the int result can't carry is not a file to
+        // load.
+        if (size < 0 || size >= INT_MAX) throw "Language file read failed !!!";
+        *text = static_cast<char*>(calloc(static_cast<size_t>(size) + 1, 1));
+        if (!*text) throw "Not enough memory found !!!";
+        if (fread(*text, 1, static_cast<size_t>(size), file) < static_cast<size_t>(size))
+            throw "Language file read failed !!!";
+        fclose(file);
+        return static_cast<int>(size);
+    } catch (const char* why) {
+        fprintf(stderr, "copyXMLFileBuffer exception : %s", why);
+        free(*text);
+        *text = nullptr;
+        if (file) fclose(file);
+        return 0;
+    }
+}
+
+xml_node* ZvLanguageReader::copyBufferToXMLNode(char* text, int length) {
+    try {
+        if (!text) throw "Buffer is NULL !!!";
+        xml_node* nodes = xml_ParseXML(text, 0, length);
+        if (!nodes) throw "xml_ParseXML Failed !!!";
+        // An unbalanced file still loads what its links allow.
+        xml_ProcessXMLNodeList(nodes);
+        return nodes;
+    } catch (const char* why) {
+        fprintf(stderr, "copyBufferToXMLNode: %s", why);
+        return nullptr;
+    }
+}
+
+int ZvLanguageReader::loadLanguagesList(xml_node* first) {
+    free(supportedLanguages);
+    supportedLanguages = nullptr;
+    int count = 0;
+    size_t used = 0;
+    for (xml_node* node = first; node; node = node->next) {
+        if (!node->isStart && nameStartsWith(node, "Languages")) break;
+        if (!node->isStart || !nameStartsWith(node, "Name")) continue;
+        char* inner = nullptr;
+        int length = xml_ReadInnerXML(node, &inner);
+        if (length <= 0) continue;
+        char* grown = static_cast<char*>(realloc(supportedLanguages, used + static_cast<size_t>(length) + 2));
+        if (!grown) break;  // keep the names read so far
+        supportedLanguages = grown;
+        memcpy(supportedLanguages + used, inner, static_cast<size_t>(length));
+        used += static_cast<size_t>(length);
+        supportedLanguages[used++] = '|';
+        supportedLanguages[used] = '\0';
+        ++count;
+    }
+    return count;
+}
+
+xml_node* ZvLanguageReader::skipHeaderTags(xml_node* first) {
+    for (xml_node* node = first; node; node = node->next) {
+        if (nameStartsWith(node, "Header")) return node->peer;
+    }
+    return nullptr;
+}
+
+int ZvLanguageReader::loadTermTableContents(xml_node* first) {
+    xml_node* node = skipHeaderTags(first);
+    if (!node) return 0;
+
+    // Terms go behind those of earlier loads; the tail is found once, not per term.
+    termInfo* tail = termInfoList;
+    while (tail && tail->next) tail = tail->next;
+
+    int count = 0;
+    int depth = 0;
+    xml_node* termClosing = nullptr;
+    termInfo* current = nullptr;
+    bool behindTerm = false;  // the node behind a term's closing tag is taken as a term, whatever its kind
+    while (node) {
+        if (!node->isStart && !behindTerm) {
+            // The first child's closing tag completes the term; the rest of the term is skipped, its other
+            // children are reached through the peer links.
+            if (depth == 3 && current) {
+                (tail ? tail->next : termInfoList) = current;
+                tail = current;
+                current = nullptr;
+                ++count;
+            }
+            while (node && node != termClosing) node = node->next;
+            if (!node) break;
+            depth = 1;
+            node = node->next;
+            behindTerm = true;
+            continue;
+        }
+        behindTerm = false;
+        ++depth;
+        if (depth == 2) {
+            termClosing = node->closingTag;
+            releaseTerm(current);
+            current = static_cast<termInfo*>(languageReaderCalloc(1, sizeof(termInfo)));
+            if (current) assignTermID(node, &current->id);
+        } else if (depth == 3 && current) {
+            assignTermValue(node, &current->value);
+        }
+        node = node->next;
+    }
+    releaseTerm(current);
+    return count;
+}
+
+void ZvLanguageReader::assignTermID(xml_node* term, char** id) {
+    // Only the last attribute counts: the list comes in reverse order.
+    xml_attribute* attributes = xml_GetXMLAttributes(term);
+    try {
+        if (!attributes) throw "Attributes not found in the tag!!!";
+        if (attributes->nameLength == 0 || attributes->valueLength == 0)
+            throw "Attribute name or value is zero length !!!";
+        if (strncmp(attributes->name, "ID", static_cast<size_t>(attributes->nameLength)) != 0)
+            throw "ID Attribute not found in the tag !!!";
+        // The value's first and last byte are its quotes, whatever they are; a value of one byte has no two
+        // bytes to lose and gives the empty identifier.
+        int length = attributes->valueLength >= 2 ? attributes->valueLength - 2 : 0;
+        *id = unescapedCopy(attributes->value + 1, length);
+    } catch (const char*) {
+        // The term goes on without an identifier.
+    }
+    xml_DestructXMLAttributeList(attributes);
+}
+
+void ZvLanguageReader::assignTermValue(xml_node* firstChild, char** value) {
+    if (!currentLanguage) return;
+    size_t languageLength = strlen(currentLanguage);
+    for (xml_node* child = firstChild; child; child = child->peer) {
+        // "En" counts for "English", "EnglishUK" does not.
+        if (child->nameLength < 0 || static_cast<size_t>(child->nameLength) > languageLength ||
+            memcmp(child->name, currentLanguage, static_cast<size_t>(child->nameLength)) != 0)
+            continue;
+        char* inner = nullptr;
+        int length = xml_ReadInnerXML(child, &inner);
+        if (length > 0) *value = unescapedCopy(inner, length);
+        return;
+    }
+}
+
+void ZvLanguageReader::addTermInfoNode(termInfo* term) {
+    termInfo** link = &termInfoList;
+    while (*link) link = &(*link)->next;
+    *link = term;
+}
+
+void ZvLanguageReader::clearTermInfoNodes() {
+    while (termInfoList) {
+        termInfo* next = termInfoList->next;
+        releaseTerm(termInfoList);
+        termInfoList = next;
+    }
+}
+
+void ZvLanguageReader::addLanguageNode(languageInfo* language) {
+    languageInfo** link = &languageInfoList;
+    while (*link) link = &(*link)->next;
+    *link = language;
+}
+
+void ZvLanguageReader::clearLanguageNodes() {
+    while (languageInfoList) {
+        languageInfo* next = languageInfoList->next;
+        free(languageInfoList->languageName);
+        free(languageInfoList);
+        languageInfoList = next;
+    }
+}
+
+xml_node* ZvLanguageReader::skipToNextTerm(xml_node* node) {
+    for (int i = 0; i < languagesCount && node; ++i) {
+        node = node->next;
+        if (node) node = node->next;
+    }
+    return node;
+}

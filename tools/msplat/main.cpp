@@ -22,6 +22,8 @@ int Run(int argc, char** argv) {
         "Every command has --help.");
     int status = msplat::kOk;
     msplat::AddConfigCommands(app, status);
+    msplat::AddIdentCommands(app, status);
+    msplat::AddOsCommands(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -14,6 +14,8 @@ enum Status { kOk = 0, kMissing = 1, kFailure = 2 };
 
 // Each group adds its subcommands to the application; the one that runs stores its status in `status`.
 void AddConfigCommands(CLI::App& app, int& status);
+void AddIdentCommands(CLI::App& app, int& status);
+void AddOsCommands(CLI::App& app, int& status);
 
 // "msplat: " and the formatted message, on standard error with a line end.
 void Error(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -17,8 +17,8 @@ using msptest::MsplatResult;
 
 TEST(Cli, HelpOnEveryCommand) {
     const std::vector<std::string> commands = {
-        "",     "config", "config get", "config type", "config set", "config create", "config dump",
-        "uuid", "md5",    "walk",       "servername",  "scanpaths",
+        "",    "config", "config get", "config type", "config set", "config create", "config dump", "uuid",
+        "md5", "walk",   "servername", "scanpaths",   "tx",         "languages",
     };
     for (const std::string& command : commands) {
         std::vector<std::string> args;

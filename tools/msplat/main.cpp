@@ -24,6 +24,7 @@ int Run(int argc, char** argv) {
     msplat::AddConfigCommands(app, status);
     msplat::AddIdentCommands(app, status);
     msplat::AddOsCommands(app, status);
+    msplat::AddLanguageCommands(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -25,3 +25,5 @@
 #include "msplatform/commonAPIs.h"
 #include "msplatform/languageReader.h"
 #include "msplatform/ZvLanguageReader.h"
+#include "msplatform/mediaMapper.h"
+#include "msplatform/mediaFormats.h"

@@ -25,6 +25,7 @@ int Run(int argc, char** argv) {
     msplat::AddIdentCommands(app, status);
     msplat::AddOsCommands(app, status);
     msplat::AddLanguageCommands(app, status);
+    msplat::AddFormatsCommands(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

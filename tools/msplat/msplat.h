@@ -17,6 +17,7 @@ void AddConfigCommands(CLI::App& app, int& status);
 void AddIdentCommands(CLI::App& app, int& status);
 void AddOsCommands(CLI::App& app, int& status);
 void AddLanguageCommands(CLI::App& app, int& status);
+void AddFormatsCommands(CLI::App& app, int& status);
 
 // "msplat: " and the formatted message, on standard error with a line end.
 void Error(const char* format, ...) __attribute__((format(printf, 1, 2)));

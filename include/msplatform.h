@@ -27,3 +27,5 @@
 #include "msplatform/ZvLanguageReader.h"
 #include "msplatform/mediaMapper.h"
 #include "msplatform/mediaFormats.h"
+#include "msplatform/eventLogger.h"
+#include "msplatform/ZvEventLogger.h"

@@ -1,9 +1,13 @@
 #include "msplatform/cfgCtrlMgr.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <new>
 
@@ -17,6 +21,25 @@ constexpr size_t kLineStep = 16;
 
 bool Empty(const char* s) {
     return !s || !*s;
+}
+
+// fopen64(path, "rb") for a store that is a regular file. The open does not wait for a writer, as it would on
+// a FIFO that nobody writes, with the lock held. Anything but a regular file fails with errno EINVAL: it
+// cannot hold what a write would put there (a FIFO would even block that write until a reader came).
+FILE* OpenStoreForReading(const char* path) {
+    const int fd = open(path, O_RDONLY | O_LARGEFILE | O_NONBLOCK);
+    if (fd < 0) return nullptr;
+    struct stat64 st;
+    const int flags = fcntl(fd, F_GETFL);
+    FILE* f = nullptr;
+    if (fstat64(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+        if (flags != -1 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != -1) f = fdopen(fd, "rb");
+    }
+    if (!f) {
+        close(fd);
+        errno = EINVAL;
+    }
+    return f;
 }
 
 // Allocation failures are answered with CFG_NO_NODES and leave everything as it was: no exception may
@@ -397,7 +420,9 @@ int ZvConfigCtrlMgr::getLineInfo(FILE* stream, char** line) {
         }
         buf[n++] = static_cast<char>(c);
         if (n == capacity) {  // keeps room for the terminator
-            char* bigger = static_cast<char*>(realloc(buf, capacity * 2));
+            // On the 32-bit target a doubled 2 GiB would wrap to 0, and realloc to 0 frees the line.
+            char* bigger =
+                capacity <= SIZE_MAX / 2 ? static_cast<char*>(realloc(buf, capacity * 2)) : nullptr;
             if (!bigger) {
                 free(buf);
                 return 0;
@@ -441,7 +466,7 @@ int ZvConfigCtrlMgr::updateKey(char* line) {
 int ZvConfigCtrlMgr::readCfgValues() {
     clearNodes();
     readIncomplete = 0;
-    FILE* f = fopen64(cfgFilePath, "rb");
+    FILE* f = OpenStoreForReading(cfgFilePath);
     if (!f) {
         // Only a missing file is an empty store that a create may write anew.
         if (errno != ENOENT) readIncomplete = 1;

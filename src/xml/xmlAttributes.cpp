@@ -1,6 +1,7 @@
 // Attributes of a tag, read again from the text on demand, and the five predefined entities both ways.
 #include "msplatform/xmlParser.h"
 
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -130,12 +131,13 @@ int xml_InPlaceXmlUnEscape(char* text) {
 
 int xml_XmlEscapeLength(char const* text) {
     if (!text) return 0;
-    int length = 0;
+    // Wide enough for any text in memory: on the 32-bit target 360 MB of quotes would overflow an int.
+    unsigned long long length = 0;
     for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p; ++p) {
         const Entity* e = entityFor(*p);
-        length += e ? e->length : 1;
+        length += e ? static_cast<unsigned int>(e->length) : 1u;
     }
-    return length;
+    return length > static_cast<unsigned long long>(INT_MAX) ? INT_MAX : static_cast<int>(length);
 }
 
 int xml_XmlEscape(char* destination, char const* text) {

@@ -433,6 +433,25 @@ TEST_F(ConfigFile, PathNamingADirectory) {
     EXPECT_TRUE(S_ISDIR(st.st_mode));
 }
 
+// Nobody writes to the FIFO: an open that waited for a writer, or a write that waited for a reader, would
+// hold the lock for ever.
+TEST_F(ConfigFile, PathNamingAFifo) {
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    int rc = msptest::RunChild(
+        [] {
+            int v = 0;
+            if (getConfigInt(C("S"), C("k"), v) != CFG_SECTION_NOT_FOUND) return 1;
+            if (createConfigInt(C("S"), C("k"), 1) != CFG_FILE_ERROR) return 2;
+            if (setConfigInt(C("S"), C("k"), 1) != CFG_SECTION_NOT_FOUND) return 3;
+            return 0;
+        },
+        20000);
+    EXPECT_EQ(0, rc) << "kChildTimedOut is " << msptest::kChildTimedOut;
+    struct stat st;
+    ASSERT_EQ(0, ::stat(path.c_str(), &st));
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+}
+
 // A file that exists but cannot be read must not be replaced by one holding only the new key.
 TEST_F(ConfigFile, UnreadableFileIsNotReplaced) {
     const std::string content = "[S]\r\nkeep=1\r\n\r\n";

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -199,6 +200,27 @@ TEST(LanguageReader, FailuresPrintTheirTextsWithoutLineEnds) {
         EXPECT_EQ(0, load.result);
         EXPECT_EQ(c.printed, load.err);
     }
+}
+
+TEST(LanguageReader, AFifoAsLanguageFileFailsAtOnce) {
+    LanguageDir dir("English", "");
+    ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
+    dir.Configure(dir.file("fifo"), "English");
+    // Nobody writes to the FIFO: an open that waited for a writer would hold the lock for ever.
+    int status = msptest::RunChild(
+        [&] {
+            ZvLanguageReader reader;
+            msptest::CaptureFd err(2);
+            int result = reader.initialize(dir.config());
+            std::string printed = err.Finish();
+            return result == 0 && printed ==
+                                      "copyXMLFileBuffer exception : Language file read failed !!!"
+                                      "initialize exception : Copying XML buffer Failed !!!"
+                       ? 0
+                       : 1;
+        },
+        20000);
+    EXPECT_EQ(0, status) << "kChildTimedOut is " << msptest::kChildTimedOut;
 }
 
 TEST(LanguageReader, ConfigurationFailures) {

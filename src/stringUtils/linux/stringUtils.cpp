@@ -1,11 +1,13 @@
 #include "msplatform/stringUtils.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include "stringUtils/linux/internal.h"
 
@@ -87,6 +89,18 @@ long streamSize(FILE* file) {
     if (size < 0 || static_cast<unsigned long>(size) > static_cast<unsigned long>(INT32_MAX)) return -1;
     if (::fseek(file, 0, SEEK_SET) != 0) return -1;
     return size;
+}
+
+// fopen64(path, "rb") without its wait for a writer: opening a FIFO that nobody writes would block for ever.
+// Reads block as usual again once the file is open; a FIFO then fails the size test.
+FILE* openForReading(const char* path) {
+    const int fd = ::open(path, O_RDONLY | O_LARGEFILE | O_NONBLOCK);
+    if (fd < 0) return nullptr;
+    const int flags = ::fcntl(fd, F_GETFL);
+    FILE* file =
+        flags != -1 && ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != -1 ? ::fdopen(fd, "rb") : nullptr;
+    if (file == nullptr) ::close(fd);
+    return file;
 }
 
 }  // namespace
@@ -246,7 +260,7 @@ char* cpyfilebuf(const char* path, int* count) {
     FILE* file = nullptr;
     char* buffer = nullptr;
     try {
-        file = ::fopen64(path, "rb");
+        file = openForReading(path);
         if (file == nullptr) throw "File open error !!!";
         const long size = streamSize(file);
         if (size >= 0) {
@@ -310,11 +324,12 @@ int HTTPUrlEscape(char* destination, const char* source) {
 }
 
 int HTTPUrlEscapeLength(const char* source) {
-    int length = 1;
+    // Wide enough for any text in memory: on the 32-bit target 720 MB of blanks would overflow an int.
+    unsigned long long length = 1;
     for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
         length += isUrlSafe(*in) ? 1 : 3;
     }
-    return length;
+    return length > static_cast<unsigned long long>(INT_MAX) ? INT_MAX : static_cast<int>(length);
 }
 
 int HTTPUrlUnEscape(char* text) {

@@ -247,6 +247,49 @@ Unescape UnescapeAt(const std::string& text) {
     return {result, std::string(buffer.data(), buffer.size())};
 }
 
+// A text of `megabytes` MiB of one byte, then the terminator, that costs one MiB of memory: the same MiB of a
+// memory file mapped again and again. Null if the system refuses.
+class RepeatedText {
+public:
+    RepeatedText(char byte, size_t megabytes) : size_(megabytes * kChunk + kPage) {
+        const int fd = ::memfd_create("repeated", 0);
+        if (fd < 0) return;
+        std::string chunk(kChunk, byte);
+        bool filled = ::write(fd, chunk.data(), kChunk) == static_cast<ssize_t>(kChunk);
+        void* area =
+            filled ? ::mmap(nullptr, size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) : MAP_FAILED;
+        if (area != MAP_FAILED) {
+            base_ = static_cast<char*>(area);
+            bool mapped = true;
+            for (size_t i = 0; i < megabytes && mapped; ++i)
+                mapped = ::mmap(base_ + i * kChunk, kChunk, PROT_READ, MAP_SHARED | MAP_FIXED, fd, 0) !=
+                         MAP_FAILED;
+            // The page behind is fresh anonymous memory, all zeros: the terminator.
+            mapped = mapped && ::mprotect(base_ + megabytes * kChunk, kPage, PROT_READ) == 0;
+            if (mapped) text_ = base_;
+        }
+        ::close(fd);
+    }
+    ~RepeatedText() {
+        if (base_) ::munmap(base_, size_);
+    }
+    const char* text() const { return text_; }
+
+private:
+    static constexpr size_t kChunk = 1 << 20;
+    static constexpr size_t kPage = 1 << 16;  // a multiple of any page size
+    size_t size_;
+    char* base_ = nullptr;
+    const char* text_ = nullptr;
+};
+
+// 720 MiB of blanks escape to more than 2 GiB: the length stops at the largest int rather than overflowing.
+TEST(HTTPUrlEscape, LengthOfAHugeTextSaturates) {
+    RepeatedText blanks(' ', 720);
+    if (!blanks.text()) GTEST_SKIP() << "the system gives no 720 MiB of address space";
+    EXPECT_EQ(HTTPUrlEscapeLength(blanks.text()), INT_MAX);
+}
+
 TEST(HTTPUrlUnEscape, DecodesInPlaceAndLeavesTheOldTail) {
     const Unescape u = UnescapeAt("a%20b");
     EXPECT_EQ(u.result, 3);
@@ -411,6 +454,21 @@ TEST(Cpyfilebuf, AStreamWithoutASizeGivesNull) {
         20000);
     ::close(holder);
     EXPECT_EQ(status, 0);
+}
+
+TEST(Cpyfilebuf, AFifoWithoutAWriterGivesNullAtOnce) {
+    msptest::TempDir dir;
+    const std::string fifo = dir.file("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    // Nobody holds the other end: an open that waits for a writer would never return.
+    const int status = msptest::RunChild(
+        [&] {
+            int count = 77;
+            char* buffer = cpyfilebuf(fifo.c_str(), &count);
+            return buffer == nullptr && count == 77 ? 0 : 1;
+        },
+        20000);
+    EXPECT_EQ(status, 0) << "kChildTimedOut is " << msptest::kChildTimedOut;
 }
 
 TEST(Cpyfilebuf, AFileBeyondTheSigned32BitSizeGivesNullWithoutAllocating) {

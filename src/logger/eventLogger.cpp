@@ -1,0 +1,429 @@
+#include "msplatform/eventLogger.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <wchar.h>
+
+#include <new>
+
+#include "logger/internal.h"
+#include "msplatform/ZvCfgCtrlMgr.h"
+#include "msplatform/dirWalk.h"
+#include "msplatform/eventLogger_specific.h"
+#include "msplatform/mutex.h"
+#include "msplatform/osSpecificFunctions.h"
+#include "msplatform/unicode.h"
+
+void* (*eventLoggerAlloc)(size_t size) = malloc;
+time_t (*eventLoggerTime)(time_t* seconds) = time;
+int (*eventLoggerMilliseconds)() = OS_GetTimeWithMilliSeconds;
+
+int logVerbosity = 0;
+int errVerbosity = 0;
+void (*eventLogOut)(char const* format, ...) = eventLoggerDoOut;
+void (*errorLogOut)(char const* format, ...) = eventLoggerDoOut;
+
+// Built right after the configuration manager (1001) and before the language reader (1003).
+__attribute__((init_priority(1002))) ZvEventLogger eventLogger;
+
+namespace {
+
+constexpr size_t kStampBytes = 26;      // "MM-DD-YYYY : HH:MM:SS.mmm" and its terminator
+constexpr size_t kScanPathUnits = 256;  // the widened search path "<logFilePath>/" with its terminator
+constexpr size_t kMessageBytes = 1024;  // eventLoggerDoOut's formatting buffer
+constexpr size_t kNameFieldBytes = 64;  // room for the date and time fields of a file name, whatever the year
+constexpr int kNameAttempts = 50;       // names tried by one createnewlogfile
+constexpr int kNameRetryMicroseconds = 1000;
+
+class LockHold {
+public:
+    explicit LockHold(Mutex* mutex) : mutex_(mutex) {
+        if (mutex_) mutex_->lock();
+    }
+    ~LockHold() {
+        if (mutex_) mutex_->unlock();
+    }
+    LockHold(const LockHold&) = delete;
+    LockHold& operator=(const LockHold&) = delete;
+
+private:
+    Mutex* mutex_;
+};
+
+// A copy of `text` (of `length` bytes) on the logger's heap, or null.
+char* CopyText(const char* text, size_t length) {
+    char* copy = static_cast<char*>(eventLoggerAlloc(length + 1));
+    if (!copy) return nullptr;
+    memcpy(copy, text, length);
+    copy[length] = '\0';
+    return copy;
+}
+
+// A store that outlives the object: the compiler treats stores of a destructor into its own object as dead
+// and may drop them, but a late log call (from a static destructor that runs after ours) relies on finding
+// logFile null.
+template <typename T>
+void StoreForAfterDeath(T& field, T value) {
+    *static_cast<volatile T*>(&field) = value;
+}
+
+void FreeNode(fileInfo* node) {
+    if (!node) return;
+    free(node->name);
+    free(node);
+}
+
+}  // namespace
+
+ZvEventLogger::ZvEventLogger()
+    : logMode(0),
+      logFilesCount(0),
+      logFileSize(0),
+      currentFileBytes(0),
+      currentFilesCount(0),
+      logFilePath(nullptr),
+      moduleName(nullptr),
+      logFile(nullptr),
+      fileList(nullptr),
+      mutex(nullptr) {
+    logVerbosity = 0;
+    eventLogOut = eventLoggerDoOut;
+    errorLogOut = eventLoggerDoOut;
+    // No exception may leave a static constructor: without memory the logger works without its lock.
+    mutex = new (std::nothrow) Mutex("eventLogger");
+}
+
+ZvEventLogger::~ZvEventLogger() {
+    {
+        LockHold hold(mutex);
+        free(logFilePath);
+        free(moduleName);
+        if (logFile) fclose(logFile);
+        clearnodes();
+        StoreForAfterDeath<FILE*>(logFile, nullptr);
+        StoreForAfterDeath<char*>(logFilePath, nullptr);
+        StoreForAfterDeath<char*>(moduleName, nullptr);
+        StoreForAfterDeath<fileInfo*>(fileList, nullptr);
+    }
+    delete mutex;
+    StoreForAfterDeath<Mutex*>(mutex, nullptr);
+}
+
+int ZvEventLogger::loadConfigValues(char* cfgPath, char* section) {
+    char keyMode[] = "logMode";
+    char keyVerbosity[] = "logVerbosity";
+    char keyFilesCount[] = "logFilesCount";
+    char keyFileSize[] = "logFileSize";
+    char keyFilePath[] = "logFilePath";
+    int initResult = 0;
+    int result = 0;
+    try {
+        if (!cfgPath) throw "Configuration File Path empty !!!";
+        initResult = initializeConfig(cfgPath);
+        if (initResult != CFG_OK && initResult != CFG_ALREADY_INITIALIZED)
+            throw "Initialization of config module failed !!!";
+        if (getConfigInt(section, keyMode, logMode) != CFG_OK)
+            throw "GetConfigInt failed while getting logger mode !!!";
+        if (getConfigInt(section, keyVerbosity, logVerbosity) != CFG_OK)
+            throw "GetConfigInt failed while getting logger verbosity level !!!";
+        if (getConfigInt(section, keyFilesCount, logFilesCount) != CFG_OK)
+            throw "GetConfigInt failed while getting logger filescount !!!";
+        if (getConfigInt(section, keyFileSize, logFileSize) != CFG_OK)
+            throw "GetConfigInt failed while getting logger filesize !!!";
+        int length = 0;
+        if (getConfigStringLen(section, keyFilePath, length) != CFG_OK || length < 0)
+            throw "GetConfigStringLen failed while getting logger filepath !!!";
+        char* path = static_cast<char*>(eventLoggerAlloc(static_cast<size_t>(length) + 1));
+        if (!path) throw "GetConfigString failed while getting logger filepath !!!";
+        memset(path, 0, static_cast<size_t>(length) + 1);
+        // A second start replaces the first one's strings; they are released, not lost.
+        free(logFilePath);
+        logFilePath = path;
+        if (getConfigString(section, keyFilePath, reinterpret_cast<unsigned char*>(path), length) != CFG_OK)
+            throw "GetConfigString failed while getting logger filepath !!!";
+        char* name = CopyText(section, strlen(section));
+        if (!name) throw "Copying the module name failed !!!";
+        free(moduleName);
+        moduleName = name;
+        result = 1;
+    } catch (const char*) {
+        result = 0;
+    } catch (...) {
+        // The configuration store lets an allocation failure through; it stops here.
+        result = 0;
+    }
+    if (initResult == CFG_OK) deinitializeConfig();
+    return result;
+}
+
+int ZvEventLogger::initializeLogger(char* cfgPath, char* section) {
+    LockHold hold(mutex);
+    int result = 0;
+    try {
+        if (loadConfigValues(cfgPath, section) == 0) throw "Loading Configuration values Failed !!!";
+        if (OS_Access(logFilePath, 0) != 0 && OS_MakeDir(logFilePath) != 0) {
+            free(logFilePath);
+            logFilePath = nullptr;
+        }
+        if (!logFilePath) {
+            // With no directory there is neither a file nor a scan: the logger stays silent and says so.
+            if (logFile) fclose(logFile);
+            logFile = nullptr;
+            throw "Log directory could not be made !!!";
+        }
+        if (logMode != 0) {
+            // On a second start the list is not empty and a node comes back; the scan lists the file anyway.
+            FreeNode(createnewlogfile());
+        }
+        currentFilesCount = findlogfilesinfo();
+        if (currentFilesCount > logFilesCount) deleteoldlogfiles();
+        result = 1;
+    } catch (const char*) {
+        result = 0;
+    }
+    return result;
+}
+
+int ZvEventLogger::currentdatetime(char* buffer) {
+    if (!buffer) return 0;
+    time_t now = eventLoggerTime(nullptr);
+    struct tm parts;
+    if (!localtime_r(&now, &parts)) return 0;
+    int milliseconds = eventLoggerMilliseconds();
+    // Bounded by the 26 bytes the caller provides: a year past 9999 is cut, not written beyond.
+    int length =
+        snprintf(buffer, kStampBytes, "%02d-%02d-%04d : %02d:%02d:%02d.%03d", parts.tm_mon + 1, parts.tm_mday,
+                 parts.tm_year + 1900, parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds);
+    if (length < 0) {
+        buffer[0] = '\0';
+        return 0;
+    }
+    return length < static_cast<int>(kStampBytes) ? length : static_cast<int>(kStampBytes) - 1;
+}
+
+void ZvEventLogger::logEvent(char* message, int length) {
+    if (logMode == 0 || logFile == nullptr) return;
+    LockHold hold(mutex);
+    // A rotation that failed while this thread waited leaves no file: the line is dropped.
+    if (!logFile || !message) return;
+    if (length < 0) length = 0;
+    char stamp[50];
+    memset(stamp, 0, sizeof stamp);
+    int stampLength = currentdatetime(stamp);
+    size_t capacity = static_cast<size_t>(length) + static_cast<size_t>(stampLength) + 10;
+    char* line = static_cast<char*>(eventLoggerAlloc(capacity));
+    if (!line) return;
+    // The precision keeps the copy within the stated length even if the message runs on past it.
+    int lineLength = snprintf(line, capacity, "%s\t : %.*s\n", stamp, length, message);
+    if (lineLength > 0) {
+        fseeko64(logFile, 0, SEEK_END);
+        fputs(line, logFile);
+        fflush(logFile);
+        currentFileBytes = currentFileBytes > INT_MAX - lineLength ? INT_MAX : currentFileBytes + lineLength;
+        if (currentFileBytes >= logFileSize) {
+            handlelogfiles();
+            currentFileBytes = 0;
+        }
+    }
+    free(line);
+}
+
+fileInfo* ZvEventLogger::createnewlogfile() {
+    time_t now = eventLoggerTime(nullptr);
+    struct tm parts;
+    if (!localtime_r(&now, &parts)) return nullptr;
+    if (!logFilePath || !moduleName) return nullptr;
+
+    size_t directoryLength = strlen(logFilePath);
+    size_t nameCapacity = strlen(moduleName) + kNameFieldBytes;
+    size_t pathCapacity = directoryLength + 1 + nameCapacity;
+    char* path = static_cast<char*>(eventLoggerAlloc(pathCapacity));
+    if (!path) return nullptr;
+    memcpy(path, logFilePath, directoryLength);
+    path[directoryLength] = '/';
+    char* name = path + directoryLength + 1;
+
+    // Two rotations within one millisecond reading would give the same name, and opening it again with "w"
+    // would empty the file the first one made, maybe another process's. The file is created exclusively, and
+    // a name already taken waits for the next millisecond.
+    // The new file is opened before the old one is closed, so that a thread that looks at logFile without the
+    // lock never sees it null in the middle of a rotation that succeeds, and drops no line.
+    FILE* fresh = nullptr;
+    int nameLength = -1;
+    for (int attempt = 1;; ++attempt) {
+        char date[kNameFieldBytes / 2];
+        char clock[kNameFieldBytes / 2];
+        snprintf(date, sizeof date, "%02d-%02d-%04d", parts.tm_mon + 1, parts.tm_mday, parts.tm_year + 1900);
+        snprintf(clock, sizeof clock, "%02d%02d%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec,
+                 eventLoggerMilliseconds());
+        nameLength = snprintf(name, nameCapacity, EventLogger_FileName, moduleName, date, clock);
+        if (nameLength < 0 || static_cast<size_t>(nameLength) >= nameCapacity) break;
+        fresh = fopen64(path, "wx");
+        if (fresh || errno != EEXIST || attempt >= kNameAttempts) break;
+        OS_Sleep(kNameRetryMicroseconds);
+        now = eventLoggerTime(nullptr);
+        if (!localtime_r(&now, &parts)) break;
+    }
+    if (logFile) fclose(logFile);
+    logFile = fresh;
+
+    fileInfo* node = nullptr;
+    if (logFile && fileList) {
+        node = static_cast<fileInfo*>(eventLoggerAlloc(sizeof(fileInfo)));
+        if (node) {
+            node->name = CopyText(name, static_cast<size_t>(nameLength));
+            node->size = 0;
+            node->time = static_cast<uint32_t>(now);
+            node->next = nullptr;
+            if (!node->name) {
+                // The file stays open and takes lines, outside the list, as after a rotation with an empty
+                // list.
+                free(node);
+                node = nullptr;
+            }
+        }
+    }
+    free(path);
+    return node;
+}
+
+int ZvEventLogger::findlogfilesinfo() {
+    char* searchPath = nullptr;
+    void* handle = nullptr;
+    int count = 0;
+    try {
+        if (!logFilePath) throw "No log directory";
+        size_t length = strlen(logFilePath);
+        if (length + 2 > kScanPathUnits) throw "Log directory path too long";
+        searchPath = static_cast<char*>(eventLoggerAlloc(length + 5));
+        if (!searchPath) throw "No memory for the search path";
+        OS_CorrectURLForDirSearch(logFilePath, &searchPath);
+        wchar_t widePath[kScanPathUnits];
+        Convert_CHAR_UCS(searchPath, widePath);
+        FileFindData data;
+        memset(&data, 0, sizeof data);
+        handle = Zv_FindFirst(widePath, &data);
+        if (!handle) throw "Given directory not found";
+        do {
+            if (data.isDirectory != 1 && wcsncmp(data.fileName, L"serverLog.", 10) == 0) {
+                size_t units = wcslen(data.fileName);
+                fileInfo* node = static_cast<fileInfo*>(eventLoggerAlloc(sizeof(fileInfo)));
+                char* name = static_cast<char*>(eventLoggerAlloc(units * 3 + 1));
+                if (node && name) {
+                    Convert_UCS_UTF8(data.fileName, reinterpret_cast<unsigned char*>(name));
+                    node->name = name;
+                    node->size = data.fileSize;
+                    node->time = data.modifiedTime;
+                    node->next = nullptr;
+                    addnode(node);
+                    ++count;
+                } else {
+                    // Without memory the file is left out of the list, as one of another directory would be.
+                    free(node);
+                    free(name);
+                }
+            }
+        } while (Zv_FindNext(handle, widePath, &data) != -1);
+        Zv_FindClose(handle);
+        free(searchPath);
+        return count;
+    } catch (...) {
+        free(searchPath);
+        if (handle) Zv_FindClose(handle);
+        clearnodes();
+        return 0;
+    }
+}
+
+void ZvEventLogger::handlelogfiles() {
+    // createnewlogfile closes the full file when it replaces it; when it gives up before that, the full file
+    // is closed here all the same.
+    FILE* full = logFile;
+    fileInfo* node = createnewlogfile();
+    if (full && logFile == full) {
+        fclose(full);
+        logFile = nullptr;
+    }
+    if (node) {
+        addnode(node);
+        ++currentFilesCount;
+    }
+    if (currentFilesCount > logFilesCount) deleteoldlogfiles();
+}
+
+void ZvEventLogger::deleteoldlogfiles() {
+    while (currentFilesCount > logFilesCount) {
+        fileInfo* oldest = findoldnode();
+        if (!oldest) return;
+        if (logFilePath) {
+            // A path that does not fit is not unlinked: a cut path could name some other file.
+            char path[PATH_MAX];
+            int length = snprintf(path, sizeof path, "%s/%s", logFilePath, oldest->name);
+            if (length > 0 && static_cast<size_t>(length) < sizeof path) OS_Unlink(path);
+        }
+        deletenode(oldest);
+        --currentFilesCount;
+    }
+}
+
+fileInfo* ZvEventLogger::findoldnode() {
+    fileInfo* oldest = fileList;
+    for (fileInfo* node = fileList; node; node = node->next) {
+        if (node->time < oldest->time) oldest = node;
+    }
+    return oldest;
+}
+
+fileInfo* ZvEventLogger::findnewnode() {
+    fileInfo* newest = fileList;
+    for (fileInfo* node = fileList; node; node = node->next) {
+        if (node->time > newest->time) newest = node;
+    }
+    return newest;
+}
+
+void ZvEventLogger::addnode(fileInfo* node) {
+    if (!node) return;
+    node->next = nullptr;
+    fileInfo** link = &fileList;
+    while (*link) link = &(*link)->next;
+    *link = node;
+}
+
+void ZvEventLogger::deletenode(fileInfo* node) {
+    for (fileInfo** link = &fileList; *link; link = &(*link)->next) {
+        if (*link == node) {
+            *link = node->next;
+            FreeNode(node);
+            return;
+        }
+    }
+}
+
+void ZvEventLogger::clearnodes() {
+    fileInfo* node = fileList;
+    while (node) {
+        fileInfo* next = node->next;
+        FreeNode(node);
+        node = next;
+    }
+    fileList = nullptr;
+}
+
+void eventLoggerDoOut(char const* format, ...) {
+    if (!format) return;
+    char message[kMessageBytes];
+    va_list arguments;
+    va_start(arguments, format);
+    int length = vsnprintf(message, sizeof message, format, arguments);
+    va_end(arguments);
+    if (length <= 0) return;
+    // A longer message keeps its first 1023 bytes.
+    if (static_cast<size_t>(length) >= sizeof message) length = static_cast<int>(sizeof message) - 1;
+    eventLogger.logEvent(message, length);
+}

@@ -30,9 +30,11 @@ inline bool UnderEmulation() {
     return MsplatCommand().size() > 1;
 }
 
-// Runs msplat with `args` in the directory `cwd` (the caller's when empty), `input` on standard input.
+// Runs msplat with `args` in the directory `cwd` (the caller's when empty), `input` on standard input, and
+// the environment changed by `env` ("NAME=value" each).
 inline MsplatResult Msplat(const std::vector<std::string>& args, const std::string& cwd = "",
-                           const std::string& input = "", int timeoutMs = 120000) {
+                           const std::string& input = "", const std::vector<std::string>& env = {},
+                           int timeoutMs = 120000) {
     TempDir capture;
     const std::string in = capture.file("in"), out = capture.file("out"), err = capture.file("err");
     WriteFile(in, input);
@@ -41,6 +43,7 @@ inline MsplatResult Msplat(const std::vector<std::string>& args, const std::stri
     int status = RunChild(
         [&] {
             if (!cwd.empty() && chdir(cwd.c_str()) != 0) return 126;
+            for (const std::string& setting : env) putenv(const_cast<char*>(setting.c_str()));
             int fds[3] = {open(in.c_str(), O_RDONLY), open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
                           open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
             for (int fd = 0; fd < 3; ++fd)

@@ -26,6 +26,8 @@ int Run(int argc, char** argv) {
     msplat::AddOsCommands(app, status);
     msplat::AddLanguageCommands(app, status);
     msplat::AddFormatsCommands(app, status);
+    msplat::AddLogCommands(app, status);
+    msplat::AddDemoCommands(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -18,6 +18,11 @@ void AddIdentCommands(CLI::App& app, int& status);
 void AddOsCommands(CLI::App& app, int& status);
 void AddLanguageCommands(CLI::App& app, int& status);
 void AddFormatsCommands(CLI::App& app, int& status);
+void AddLogCommands(CLI::App& app, int& status);
+void AddDemoCommands(CLI::App& app, int& status);
+
+// The path of the file that the library's event logger writes to; empty when it has none open.
+std::string CurrentLogFile();
 
 // "msplat: " and the formatted message, on standard error with a line end.
 void Error(const char* format, ...) __attribute__((format(printf, 1, 2)));

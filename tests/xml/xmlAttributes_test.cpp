@@ -1,8 +1,6 @@
 #include "msplatform/xmlParser.h"
 
 #include <string.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <climits>
 #include <random>
@@ -11,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/support.h"
 #include "xmlTestSupport.h"
 
 namespace {
@@ -169,45 +168,9 @@ TEST(XmlEntities, Encode) {
     EXPECT_EQ(xml_XmlEscape(nullptr, "a<b"), 0);
 }
 
-// A text of `megabytes` MiB of one byte, then the terminator, that costs one MiB of memory: the same MiB of a
-// memory file mapped again and again. Null if the system refuses.
-class RepeatedText {
-public:
-    RepeatedText(char byte, size_t megabytes) : size_(megabytes * kChunk + kPage) {
-        const int fd = ::memfd_create("repeated", 0);
-        if (fd < 0) return;
-        std::string chunk(kChunk, byte);
-        bool filled = ::write(fd, chunk.data(), kChunk) == static_cast<ssize_t>(kChunk);
-        void* area =
-            filled ? ::mmap(nullptr, size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) : MAP_FAILED;
-        if (area != MAP_FAILED) {
-            base_ = static_cast<char*>(area);
-            bool mapped = true;
-            for (size_t i = 0; i < megabytes && mapped; ++i)
-                mapped = ::mmap(base_ + i * kChunk, kChunk, PROT_READ, MAP_SHARED | MAP_FIXED, fd, 0) !=
-                         MAP_FAILED;
-            // The page behind is fresh anonymous memory, all zeros: the terminator.
-            mapped = mapped && ::mprotect(base_ + megabytes * kChunk, kPage, PROT_READ) == 0;
-            if (mapped) text_ = base_;
-        }
-        ::close(fd);
-    }
-    ~RepeatedText() {
-        if (base_) ::munmap(base_, size_);
-    }
-    const char* text() const { return text_; }
-
-private:
-    static constexpr size_t kChunk = 1 << 20;
-    static constexpr size_t kPage = 1 << 16;  // a multiple of any page size
-    size_t size_;
-    char* base_ = nullptr;
-    const char* text_ = nullptr;
-};
-
 // 360 MiB of quotes escape to more than 2 GiB: the length stops at the largest int rather than overflowing.
 TEST(XmlEntities, EscapeLengthOfAHugeTextSaturates) {
-    RepeatedText quotes('"', 360);
+    msptest::RepeatedText quotes('"', 360);
     if (!quotes.text()) GTEST_SKIP() << "the system gives no 360 MiB of address space";
     EXPECT_EQ(xml_XmlEscapeLength(quotes.text()), INT_MAX);
 }

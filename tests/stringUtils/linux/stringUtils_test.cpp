@@ -176,13 +176,8 @@ std::string Escaped(const std::string& source) {
 TEST(HTTPUrlEscape, EscapesAllButTheUrlSet) {
     EXPECT_EQ(Escaped("a b/c"), "a%20b/c");
     EXPECT_EQ(HTTPUrlEscapeLength("a b/c"), 8);
-    EXPECT_EQ(Escaped("\xE9"), "%E9");
-    EXPECT_EQ(Escaped("\n"), "%0A");
     EXPECT_EQ(Escaped(""), "");
     EXPECT_EQ(HTTPUrlEscapeLength(""), 1);
-    EXPECT_EQ(Escaped("/@;:=+$-_.*"), "/@;:=+$-_.*");
-    EXPECT_EQ(Escaped("%?&#~!'(),"), "%25%3F%26%23%7E%21%27%28%29%2C");
-
     // Every byte value, against the set written out by hand.
     const std::string safe = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/@;:=+$-_.*";
     for (int c = 1; c < 256; ++c) {
@@ -217,25 +212,24 @@ TEST(HTTPUrlEscape, LengthOfAHugeTextSaturates) {
 
 // The buffers end at an inaccessible page: a pair cut by the end is never read behind the terminator.
 TEST(HTTPUrlUnEscape, DecodesInPlaceAndAnEscapeAtTheEndTakesWhatIsLeft) {
-    const Unescape cases[] = {
-        {3, std::string("a b0b\0", 6)},
-        {0, std::string(1, '\0')},
-        {10, std::string("plain text\0", 11)},
-        {2, std::string("\0x0x\0", 5)},
-        {3, std::string("ab\0\0", 4)},
-        {3, std::string("ab\x04"
-                        "4\0",
-                        5)},
-        {1, std::string("\0\0", 2)},
-        {2, std::string("\0"
-                        "141\0",
-                        5)},  // "%4" gives 0, then '1'
+    const struct {
+        const char* text;
+        int result;
+        std::string bytes;
+    } cases[] = {
+        {"a%20b", 3, std::string("a b0b\0", 6)},
+        {"", 0, std::string(1, '\0')},
+        {"plain text", 10, std::string("plain text\0", 11)},
+        {"%00x", 2, std::string("\0x0x\0", 5)},
+        {"ab%", 3, std::string("ab\0\0", 4)},
+        {"ab%4", 3, std::string("ab\0044\0", 5)},
+        {"%", 1, std::string("\0\0", 2)},
+        {"%%41", 2, std::string("\000141\0", 5)},  // "%4" gives 0, then '1'
     };
-    const char* texts[] = {"a%20b", "", "plain text", "%00x", "ab%", "ab%4", "%", "%%41"};
-    for (size_t i = 0; i < sizeof texts / sizeof texts[0]; ++i) {
-        const Unescape u = UnescapeAt(texts[i]);
-        EXPECT_EQ(u.result, cases[i].result) << texts[i];
-        EXPECT_EQ(u.bytes, cases[i].bytes) << texts[i];
+    for (const auto& c : cases) {
+        const Unescape u = UnescapeAt(c.text);
+        EXPECT_EQ(u.result, c.result) << c.text;
+        EXPECT_EQ(u.bytes, c.bytes) << c.text;
     }
 }
 
@@ -443,36 +437,22 @@ TEST(Utf8Down, TheLeadByteDecides) {
         std::u16string wide;
     };
     const Case cases[] = {
-        {"A\xC3\xA9"
-         "B",
-         "A\xE9"
-         "B",
-         u"A\u00E9B"},
-        {"A\xE2\x82\xAC"
-         "B",
-         "AB", u"A\u20ACB"},
+        {"A\303\251B", "A\351B", u"A\u00E9B"},
+        {"A\342\202\254B", "AB", u"A\u20ACB"},
         {"\xC4\x80", "", u"\u0100"},
         {"\xE2\x82\xAC", "", u"\u20AC"},
         {"\xF0\x9F\x98\x80", "", u""},
         {"\xF0\x9F\x98\x80z", "z", u"z"},
         // Continuation bytes are two-byte leads; their pair is taken without a look at it.
         {"\x83\xBF", "\xFF", u"\u00FF"},
-        {"\xA1"
-         "A",
-         "\x41", u"A"},
+        {"\241A", "A", u"A"},
         {"\x90\x80x", "x", u"\u0400x"},
-        {"\xC3"
-         "A",
-         "\xC1", u"\u00C1"},
+        {"\303A", "\301", u"\u00C1"},
         {"\x80\x80", std::string(1, '\0'), std::u16string(1, u'\0')},
         // 0xF8 to 0xFF are passed over as four bytes.
-        {"\xF8"
-         "abcd",
-         "d", u"d"},
+        {"\370abcd", "d", u"d"},
         {"\xFF\xFF\xFF\xFF\xC3\xA9", "\xE9", u"\u00E9"},
-        {"\xFE"
-         "a/bc",
-         "c", u"c"},
+        {"\376a/bc", "c", u"c"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.source));
@@ -521,10 +501,7 @@ TEST(Utf8Down, WritesAtMostSizeMinusOneUnitsAndTheTerminator) {
         EXPECT_EQ(r.wide, std::u16string(1, u'\0'));
     }
     // A dropped sequence takes no room: the output is full only with units written.
-    r = Convert(
-        "\xE2\x82\xAC\xE2\x82\xAC"
-        "ab",
-        2);
+    r = Convert("\342\202\254\342\202\254ab", 2);
     EXPECT_EQ(r.ansi, std::string("a\0", 2));
     EXPECT_EQ(r.wide, std::u16string(u"\u20AC\0", 2));
     // A size below 1: the destination, which has no byte at all here, is not touched.

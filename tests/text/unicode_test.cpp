@@ -365,14 +365,6 @@ TEST(Conversions, RandomInputStaysInBoundsAndFollowsTheTables) {
         ASSERT_LE(characters, static_cast<int>(n));
         ASSERT_EQ(n > 0, characters > 0);
 
-        // The same bytes as CHAR text: widen and narrow back to themselves.
-        GuardedText<char> narrow(std::vector<char>(text.begin(), text.end()));
-        Guarded<wchar_t> wide(n + 1);
-        ASSERT_EQ(static_cast<int>(n), Convert_CHAR_UCS(narrow.data(), wide.data()));
-        Guarded<char> back(n + 1);
-        ASSERT_EQ(static_cast<int>(n), Convert_UCS_CHAR(wide.data(), back.data()));
-        ASSERT_EQ(0, memcmp(back.data(), narrow.data(), n + 1));
-
         // Random 32-bit units with non-zero low bits: the encoder keeps to 3 bytes a unit and the decoder
         // gives the low 16 bits back.
         Units source(n);

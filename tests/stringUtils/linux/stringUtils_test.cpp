@@ -536,7 +536,7 @@ struct Up {
 Up ToUtf8(const std::string& sourceWithTerminator, int size, bool wide, bool escape) {
     GuardedBytes in(sourceWithTerminator.size());
     std::memcpy(in.data(), sourceWithTerminator.data(), sourceWithTerminator.size());
-    GuardedBytes out(static_cast<size_t>(std::max(size, 0)));
+    GuardedBytes out(static_cast<size_t>(std::max(size, 0)), 'Z');
     Up up;
     up.count = -99;
     up.result = _strToUtf8(out.data(), in.data(), size, wide ? 1 : 0, &up.count, escape ? 1 : 0);
@@ -545,6 +545,9 @@ Up ToUtf8(const std::string& sourceWithTerminator, int size, bool wide, bool esc
         EXPECT_LT(up.result, size);
         EXPECT_EQ(out.data()[up.result], '\0');
         up.text.assign(out.data(), static_cast<size_t>(up.result));
+        // The bytes behind the terminator are left alone.
+        EXPECT_EQ(std::string(out.data() + up.result + 1, static_cast<size_t>(size - up.result - 1)),
+                  std::string(static_cast<size_t>(size - up.result - 1), 'Z'));
     }
     return up;
 }
@@ -724,17 +727,34 @@ std::string UpOracle(const std::u16string& units, bool escape, int* utf8Bytes) {
     return out;
 }
 
+// Short 16-bit texts, and one-byte texts long enough for the runs the conversion takes whole: every size
+// from 1 to past the whole form.
 TEST(Utf8Up, EverySizeGivesAPrefixOfTheWholeFormAndNeverWritesAtOrPastIt) {
-    const std::u16string sources[] = {u"abc", u"a b\t-", u"\u20ACx\u00E9y\uFFFF", u"/\u0800?\u07FF", u""};
-    for (const std::u16string& source : sources) {
+    std::vector<std::pair<std::u16string, bool>> sources = {{u"abc", true},
+                                                            {u"a b\t-", true},
+                                                            {u"\u20ACx\u00E9y\uFFFF", true},
+                                                            {u"/\u0800?\u07FF", true},
+                                                            {u"", true}};
+    std::mt19937 random(11);
+    for (int round = 0; round < 6; ++round) {
+        std::u16string source(40 + random() % 60, ' ');
+        for (char16_t& c : source)
+            c = static_cast<char16_t>(random() % 3 == 0 ? 128 + random() % 128 : 1 + random() % 127);
+        sources.emplace_back(source, false);
+    }
+    for (const auto& [source, wide] : sources) {
+        const std::string narrow(source.begin(), source.end());
         for (bool escape : {false, true}) {
             int bytes = 0;
             const std::string whole = UpOracle(source, escape, &bytes);
-            const int needed = strUtf8Len(Units(source).c_str(), 1, escape) + (escape ? 0 : 2);
+            const int length =
+                wide ? strUtf8Len(Units(source).c_str(), 1, escape) : strUtf8Len(narrow.c_str(), 0, escape);
+            const int needed = length + (escape ? 0 : 2);
             int previous = 0;
             for (int size = 1; size <= needed + 4; ++size) {
                 SCOPED_TRACE(testing::PrintToString(Units(source)) + " size " + std::to_string(size));
-                const Up up = Wide(source, size, escape);  // a write at or past `size` faults
+                const Up up = wide ? Wide(source, size, escape)
+                                   : Narrow(narrow, size, escape);  // a write at or past `size` faults
                 EXPECT_EQ(up.text, whole.substr(0, up.text.size()));
                 EXPECT_LE(up.result, std::max(0, size - 2));
                 EXPECT_GE(up.result, previous);
@@ -742,42 +762,6 @@ TEST(Utf8Up, EverySizeGivesAPrefixOfTheWholeFormAndNeverWritesAtOrPastIt) {
                 if (size >= needed) {
                     EXPECT_EQ(up.text, whole);
                     EXPECT_EQ(up.count, bytes);
-                }
-            }
-        }
-    }
-}
-
-TEST(Utf8Up, LongOneByteTextAtEverySizeLeavesTheBytesBehindTheResultAlone) {
-    // Long enough for the table-driven runs inside the conversion: every size from 1 to past the whole form,
-    // compared with the oracle, and every byte behind the terminator still the marker put there before.
-    std::mt19937 random(11);
-    for (int round = 0; round < 6; ++round) {
-        std::string source(40 + random() % 60, ' ');
-        for (char& c : source)
-            c = static_cast<char>(random() % 3 == 0 ? 128 + random() % 128 : 1 + random() % 127);
-        std::u16string widened;
-        for (char c : source) widened += static_cast<char16_t>(static_cast<unsigned char>(c));
-        for (bool escape : {false, true}) {
-            int bytes = 0;
-            const std::string whole = UpOracle(widened, escape, &bytes);
-            const int needed = strUtf8Len(source.c_str(), 0, escape) + (escape ? 0 : 2);
-            for (int size = 1; size <= needed + 4; ++size) {
-                SCOPED_TRACE("round " + std::to_string(round) + " size " + std::to_string(size));
-                GuardedBytes in = GuardedBytes::String(source);
-                GuardedBytes out(static_cast<size_t>(size));
-                std::memset(out.data(), 'Z', static_cast<size_t>(size));
-                int count = -1;
-                const int result = _strToUtf8(out.data(), in.data(), size, 0, &count, escape ? 1 : 0);
-                ASSERT_GE(result, 0);
-                ASSERT_LT(result, size);
-                EXPECT_EQ(std::string(out.data(), static_cast<size_t>(result)), whole.substr(0, result));
-                EXPECT_EQ(out.data()[result], '\0');
-                EXPECT_EQ(std::string(out.data() + result + 1, static_cast<size_t>(size - result - 1)),
-                          std::string(static_cast<size_t>(size - result - 1), 'Z'));
-                if (size >= needed) {
-                    EXPECT_EQ(result, static_cast<int>(whole.size()));
-                    EXPECT_EQ(count, bytes);
                 }
             }
         }

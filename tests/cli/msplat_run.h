@@ -1,0 +1,61 @@
+// Runs the built msplat (through the emulator in a cross build) and gives back its exit status and output.
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/support.h"
+
+namespace msptest {
+
+struct MsplatResult {
+    int status;       // exit status, or kChildTimedOut / kChildSignalled
+    std::string out;  // standard output
+    std::string err;  // standard error
+};
+
+inline std::vector<std::string> MsplatCommand() {
+    std::vector<std::string> command;
+    std::istringstream emulator(MSPLAT_EMULATOR);
+    for (std::string word; emulator >> word;) command.push_back(word);
+    command.push_back(MSPLAT_PATH);
+    return command;
+}
+
+inline bool UnderEmulation() {
+    return MsplatCommand().size() > 1;
+}
+
+// Runs msplat with `args` in the directory `cwd` (the caller's when empty), `input` on standard input, and
+// the environment changed by `env` ("NAME=value" each).
+inline MsplatResult Msplat(const std::vector<std::string>& args, const std::string& cwd = "",
+                           const std::string& input = "", const std::vector<std::string>& env = {},
+                           int timeoutMs = 120000) {
+    TempDir capture;
+    const std::string in = capture.file("in"), out = capture.file("out"), err = capture.file("err");
+    WriteFile(in, input);
+    std::vector<std::string> command = MsplatCommand();
+    command.insert(command.end(), args.begin(), args.end());
+    int status = RunChild(
+        [&] {
+            if (!cwd.empty() && chdir(cwd.c_str()) != 0) return 126;
+            for (const std::string& setting : env) putenv(const_cast<char*>(setting.c_str()));
+            int fds[3] = {open(in.c_str(), O_RDONLY), open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
+                          open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
+            for (int fd = 0; fd < 3; ++fd)
+                if (fds[fd] < 0 || dup2(fds[fd], fd) < 0) return 126;
+            std::vector<char*> argv;
+            for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
+            argv.push_back(nullptr);
+            execvp(argv[0], argv.data());
+            return 127;
+        },
+        timeoutMs);
+    return {status, ReadFile(out), ReadFile(err)};
+}
+
+}  // namespace msptest

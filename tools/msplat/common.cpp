@@ -1,0 +1,88 @@
+#include "msplat.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <msplatform/cfgCtrlMgr.h>
+
+namespace msplat {
+
+void Error(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    fputs("msplat: ", stderr);
+    vfprintf(stderr, format, args);
+    fputc('\n', stderr);
+    va_end(args);
+}
+
+const char* CfgResultText(int result) {
+    switch (result) {
+        case CFG_OK:
+            return "ok";
+        case CFG_FILE_ERROR:
+            return "the file could not be read or written";
+        case CFG_BAD_ARGUMENT:
+            return "bad argument";
+        case CFG_NO_NODES:
+            return "no sections to write";
+        case CFG_KEY_EXISTS:
+            return "key exists";
+        case CFG_KEY_NOT_FOUND:
+            return "no such key";
+        case CFG_TYPE_MISMATCH:
+            return "type mismatch";
+        case CFG_SECTION_NOT_FOUND:
+            return "no such section";
+        case CFG_ALREADY_INITIALIZED:
+            return "already initialized";
+        case CFG_NOT_INITIALIZED:
+            return "not initialized";
+    }
+    return "unknown result";
+}
+
+int CfgResultStatus(int result) {
+    switch (result) {
+        case CFG_OK:
+            return kOk;
+        case CFG_KEY_NOT_FOUND:
+        case CFG_SECTION_NOT_FOUND:
+            return kMissing;
+    }
+    return kFailure;
+}
+
+bool ParseInt(const std::string& text, int& value) {
+    if (text.empty() || text.size() != strlen(text.c_str())) return false;
+    const char* start = text.c_str();
+    // strtol would take leading blanks; a value on the command line has none.
+    if (!(start[0] == '-' || start[0] == '+' || (start[0] >= '0' && start[0] <= '9'))) return false;
+    char* end = nullptr;
+    errno = 0;
+    long parsed = strtol(start, &end, 10);
+    if (errno != 0 || end == start || *end != '\0' || parsed < INT_MIN || parsed > INT_MAX) return false;
+    value = static_cast<int>(parsed);
+    return true;
+}
+
+int CheckRegularFile(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+        int error = errno;
+        Error("%s: %s", path.c_str(), strerror(error));
+        return error == ENOENT || error == ENOTDIR ? kMissing : kFailure;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        Error("%s: not a regular file", path.c_str());
+        return kFailure;
+    }
+    return kOk;
+}
+
+}  // namespace msplat

@@ -1,0 +1,41 @@
+// What the subcommand groups of msplat share: exit statuses, messages, argument checks.
+#pragma once
+
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace msplat {
+
+// Exit statuses: success, what was asked for doesn't exist, bad usage or a failure.
+enum Status { kOk = 0, kMissing = 1, kFailure = 2 };
+
+// Each group adds its subcommands to the application; the one that runs stores its status in `status`.
+void AddConfigCommands(CLI::App& app, int& status);
+void AddIdentCommands(CLI::App& app, int& status);
+void AddOsCommands(CLI::App& app, int& status);
+void AddLanguageCommands(CLI::App& app, int& status);
+void AddFormatsCommands(CLI::App& app, int& status);
+void AddLogCommands(CLI::App& app, int& status);
+void AddDemoCommands(CLI::App& app, int& status);
+
+// The path of the file that the library's event logger writes to; empty when it has none open.
+std::string CurrentLogFile();
+
+// "msplat: " and the formatted message, on standard error with a line end.
+void Error(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// The configuration store's result code in words ("no such section"), and the exit status it stands for.
+const char* CfgResultText(int result);
+int CfgResultStatus(int result);
+
+// A whole decimal number of the int range, with an optional sign; false for anything else.
+bool ParseInt(const std::string& text, int& value);
+
+// Checks a path for a file that must exist: kOk for a regular file, kMissing when there is none (with a
+// message), kFailure for something else, which is never read (a directory or a pipe would block or fail).
+int CheckRegularFile(const std::string& path);
+
+}  // namespace msplat

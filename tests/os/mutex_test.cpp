@@ -129,44 +129,6 @@ TEST(Mutex, UnnamedAndEmptyNamedLocksArePrivateAndFree) {
     EXPECT_NE(a.getid(), c.getid());
 }
 
-TEST(Mutex, SecondProcessAttachesToTheHeldLockAndWaits) {
-    std::string name = TestName("attach");
-    RemoveKey(KeyOf(name));
-    Mutex first(name.c_str());
-    ASSERT_GT(first.getid(), 0);
-    first.lock();
-    Pipe attached, locked;
-    pid_t child = msptest::StartChild([&] {
-        Mutex* second = ChildMutex(name);
-        if (second->getid() != first.getid() || Value(second->getid()) != 0) return 1;
-        attached.Send();
-        second->lock();
-        locked.Send();
-        second->unlock();
-        return 0;
-    });
-    ASSERT_TRUE(attached.Wait(kChildMs));
-    EXPECT_FALSE(locked.Wait(300)) << "the second process took a held lock";
-    first.unlock();
-    EXPECT_TRUE(locked.Wait(kChildMs));
-    EXPECT_EQ(0, msptest::WaitChild(child, kChildMs));
-    EXPECT_EQ(1, Value(first.getid()));
-}
-
-TEST(Mutex, NamesWithTheSameByteSumShareOneLock) {
-    std::string name = TestName("anagram");
-    std::string anagram(name.rbegin(), name.rend());
-    RemoveKey(KeyOf(name));
-    Mutex m(name.c_str());
-    Mutex n(anagram.c_str());
-    ASSERT_GT(m.getid(), 0);
-    EXPECT_EQ(m.getid(), n.getid());
-    m.lock();
-    EXPECT_EQ(0, Value(n.getid()));
-    n.unlock();  // no owner: the other object gives it back
-    EXPECT_EQ(1, Value(m.getid()));
-}
-
 TEST(Mutex, KilledHolderDoesNotBlockOthers) {
     std::string name = TestName("killed");
     RemoveKey(KeyOf(name));

@@ -1,6 +1,7 @@
 #include "support/support.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <ftw.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -133,6 +134,26 @@ std::string CaptureFd::Finish() {
     ::close(saved_);
     saved_ = -1;
     return ReadFile(path_);
+}
+
+Pipe::Pipe() {
+    if (::pipe(fd_) != 0) throw std::runtime_error("pipe failed");
+}
+
+Pipe::~Pipe() {
+    ::close(fd_[0]);
+    ::close(fd_[1]);
+}
+
+void Pipe::Send() {
+    if (::write(fd_[1], "x", 1) != 1) std::abort();
+}
+
+bool Pipe::Wait(int timeoutMs) {
+    struct pollfd p = {fd_[0], POLLIN, 0};
+    if (::poll(&p, 1, timeoutMs) != 1) return false;
+    char c;
+    return ::read(fd_[0], &c, 1) == 1;
 }
 
 }  // namespace msptest

@@ -1,7 +1,6 @@
 #include "msplatform/mutex.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -60,29 +59,7 @@ Mutex* ChildMutex(const std::string& name) {
     return new Mutex(name.c_str());
 }
 
-// One-byte signals between processes, with a time-out on the reading side.
-class Pipe {
-public:
-    Pipe() { EXPECT_EQ(0, ::pipe(fd_)); }
-    ~Pipe() {
-        ::close(fd_[0]);
-        ::close(fd_[1]);
-    }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-    void Send() {
-        if (::write(fd_[1], "x", 1) != 1) std::abort();
-    }
-    bool Wait(int ms) {
-        struct pollfd p = {fd_[0], POLLIN, 0};
-        if (::poll(&p, 1, ms) != 1) return false;
-        char c;
-        return ::read(fd_[0], &c, 1) == 1;
-    }
-
-private:
-    int fd_[2] = {-1, -1};
-};
+using msptest::Pipe;
 
 TEST(Mutex, KeyIsTheByteSumTimes99) {
     const std::string names[] = {TestName("key"), "\xff\xfe\x80mspcfg.high", "Zq"};

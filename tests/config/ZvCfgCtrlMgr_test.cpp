@@ -175,20 +175,15 @@ TEST_F(ConfigFile, FailedOperationsLeaveTheFileAlone) {
         int expected;
     } cases[] = {
         {"create existing", createConfigInt(C("s"), C("K"), 2), CFG_KEY_EXISTS},
-        {"create existing string", createConfigString(C("S"), C("S"), U("w"), 1), CFG_KEY_EXISTS},
         {"set missing key", setConfigInt(C("S"), C("nope"), 2), CFG_KEY_NOT_FOUND},
         {"set missing section", setConfigInt(C("T"), C("k"), 2), CFG_SECTION_NOT_FOUND},
-        {"set string missing section", setConfigString(C("T"), C("k"), U("w"), 1), CFG_SECTION_NOT_FOUND},
         {"set other type", setConfigString(C("S"), C("k"), U("w"), 1), CFG_TYPE_MISMATCH},
-        {"set other type int", setConfigInt(C("S"), C("s"), 1), CFG_TYPE_MISMATCH},
         {"get missing section", getConfigInt(C("T"), C("k"), v), CFG_SECTION_NOT_FOUND},
         {"null key", createConfigInt(C("S"), nullptr, 1), CFG_BAD_ARGUMENT},
         {"empty key", createConfigInt(C("S"), C(""), 1), CFG_BAD_ARGUMENT},
-        {"null section", setConfigInt(nullptr, C("k"), 1), CFG_BAD_ARGUMENT},
         {"empty section", getConfigInt(C(""), C("k"), v), CFG_BAD_ARGUMENT},
         {"null value", createConfigString(C("S"), C("n"), nullptr, 1), CFG_BAD_ARGUMENT},
         {"negative length", createConfigString(C("S"), C("n"), U("a"), -1), CFG_BAD_ARGUMENT},
-        {"negative set length", setConfigString(C("S"), C("s"), U("a"), -5), CFG_BAD_ARGUMENT},
         {"null buffer", getConfigString(C("S"), C("s"), nullptr, 1), CFG_BAD_ARGUMENT},
         {"negative get length", getConfigString(C("S"), C("s"), buf, -1), CFG_BAD_ARGUMENT},
         // With the section missing, the section's own checks are never reached...
@@ -304,19 +299,6 @@ TEST_F(ConfigFile, RewriteKeepsOnlyWhatTheReaderKept) {
         Read());
 }
 
-TEST_F(ConfigFile, LfAndCrLfFilesReadTheSame) {
-    const std::string lf = "[S]\nn=5\ns=\"v\"\n[T]\nm=-1\n";
-    const std::string crlf = "[S]\r\nn=5\r\ns=\"v\"\r\n[T]\r\nm=-1\r\n";
-    for (const std::string& file : {lf, crlf}) {
-        Write(file);
-        EXPECT_EQ("5", GetInt("s", "N"));
-        EXPECT_EQ("v", GetString("S", "s"));
-        EXPECT_EQ("-1", GetInt("T", "m"));
-        EXPECT_EQ(CFG_OK, setConfigInt(C("T"), C("m"), -2));
-        EXPECT_EQ("[S]\r\nn=5\r\ns=\"v\"\r\n\r\n[T]\r\nm=-2\r\n\r\n", Read());
-    }
-}
-
 TEST_F(ConfigFile, NamesWithEqualsSignsAndValuesWithLineBreaks) {
     // A key written with "=" in its name reads back under the part ahead of it.
     EXPECT_EQ(CFG_OK, createConfigInt(C("S"), C("x=y"), 5));
@@ -344,23 +326,6 @@ TEST_F(ConfigFile, BinaryAndZeroBytesInTheFile) {
     EXPECT_EQ("1", GetInt("T", "\xfe"));
     EXPECT_EQ("<-6>", GetInt("U", "u"));  // its section line began with a zero byte: an empty line
     EXPECT_EQ("1", GetInt("S", "u"));
-
-    // Random bytes: any answer but a crash or a hang.
-    unsigned int seed = 12345;
-    for (int round = 0; round < 50; ++round) {
-        std::string noise(200 + round * 37, '\0');
-        for (char& ch : noise) {
-            seed = seed * 1103515245u + 12345u;
-            const char alphabet[] = {'[', ']', '=', '"', '\r', '\n', '\0', 'a', 'K', '\xff', '-', '9'};
-            ch = alphabet[(seed >> 16) % sizeof alphabet];
-        }
-        Write(noise);
-        int v = 0;
-        getConfigInt(C("a"), C("K"), v);
-        int rc = createConfigInt(C("a"), C("new"), 1);
-        EXPECT_TRUE(rc == CFG_OK || rc == CFG_KEY_EXISTS) << rc;
-        EXPECT_EQ("1", GetInt("a", "new")) << round;
-    }
 }
 
 TEST_F(ConfigFile, VeryLongLinesAndNames) {
@@ -373,19 +338,6 @@ TEST_F(ConfigFile, VeryLongLinesAndNames) {
                                       static_cast<int>(value.size())));
     EXPECT_EQ("[" + name + "]\r\n" + name + "=\"" + value + "\"\r\n\r\n", Read());
     EXPECT_EQ(value, GetString(name.c_str(), name.c_str()));
-}
-
-TEST_F(ConfigFile, CopyRuleThroughTheFlatFunctions) {
-    EXPECT_EQ(CFG_OK, createConfigString(C("S"), C("s"), U("abcdef"), 6));
-    unsigned char buf[8];
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(CFG_OK, getConfigString(C("S"), C("s"), buf, 3));
-    EXPECT_EQ("abc#####", std::string(reinterpret_cast<char*>(buf), 8));
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(CFG_OK, getConfigString(C("S"), C("s"), buf, 6));
-    EXPECT_EQ(std::string("abcdef\0#", 8), std::string(reinterpret_cast<char*>(buf), 8));
-    EXPECT_EQ(CFG_OK, createConfigString(C("S"), C("t"), U("abcdef"), 2));
-    EXPECT_EQ("ab", GetString("S", "t"));
 }
 
 // ---- files the store must survive without losing what they hold ----
@@ -413,40 +365,22 @@ TEST_F(ConfigFile, EmptySectionNameIsSurvived) {
     EXPECT_EQ("[C]\r\nc=5\r\n\r\n", Read());
 }
 
-// A directory opens for reading but every read fails: the reader must stop, not spin. Run in a child so
-// that a hang fails the test instead of the suite.
-TEST_F(ConfigFile, PathNamingADirectory) {
-    deinitializeConfig();
-    ASSERT_EQ(CFG_OK, initializeConfig(dir.path().c_str()));
-    int rc = msptest::RunChild(
-        [] {
-            int v = 0;
-            if (getConfigInt(C("S"), C("k"), v) != CFG_SECTION_NOT_FOUND) return 1;
-            if (createConfigInt(C("S"), C("k"), 1) != CFG_FILE_ERROR) return 2;
-            if (setConfigInt(C("S"), C("k"), 1) != CFG_SECTION_NOT_FOUND) return 3;
-            return 0;
-        },
-        kChildMs);
-    EXPECT_EQ(0, rc);
-    struct stat st;
-    ASSERT_EQ(0, ::stat(dir.path().c_str(), &st));
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-}
-
-// Nobody writes to the FIFO: an open that waited for a writer, or a write that waited for a reader, would
-// hold the lock for ever.
-TEST_F(ConfigFile, PathNamingAFifo) {
+// A directory or a FIFO with no writer: the reader must neither spin nor wait (a child, so a hang fails).
+TEST_F(ConfigFile, PathNamingADirectoryOrAFifo) {
     ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
-    int rc = msptest::RunChild(
-        [] {
-            int v = 0;
-            if (getConfigInt(C("S"), C("k"), v) != CFG_SECTION_NOT_FOUND) return 1;
-            if (createConfigInt(C("S"), C("k"), 1) != CFG_FILE_ERROR) return 2;
-            if (setConfigInt(C("S"), C("k"), 1) != CFG_SECTION_NOT_FOUND) return 3;
-            return 0;
-        },
-        20000);
-    EXPECT_EQ(0, rc) << "kChildTimedOut is " << msptest::kChildTimedOut;
+    for (const std::string& target : {dir.path(), path}) {
+        deinitializeConfig();
+        ASSERT_EQ(CFG_OK, initializeConfig(target.c_str()));
+        int rc = msptest::RunChild(
+            [] {
+                int v = 0;
+                if (getConfigInt(C("S"), C("k"), v) != CFG_SECTION_NOT_FOUND) return 1;
+                if (createConfigInt(C("S"), C("k"), 1) != CFG_FILE_ERROR) return 2;
+                return setConfigInt(C("S"), C("k"), 1) != CFG_SECTION_NOT_FOUND ? 3 : 0;
+            },
+            kChildMs);
+        EXPECT_EQ(0, rc) << target;
+    }
     struct stat st;
     ASSERT_EQ(0, ::stat(path.c_str(), &st));
     EXPECT_TRUE(S_ISFIFO(st.st_mode));
@@ -556,18 +490,14 @@ TEST_F(ConfigFile, ConcurrentProcessesLoseNoUpdate) {
 
 TEST_F(ConfigFile, KilledHolderDoesNotBlockTheStore) {
     ASSERT_EQ(CFG_OK, createConfigInt(C("S"), C("k"), 1));
-    int ready[2];
-    ASSERT_EQ(0, ::pipe(ready));
+    msptest::Pipe ready;
     pid_t holder = msptest::StartChild([&] {
         cfgMgr.LockMutex();
-        if (::write(ready[1], "x", 1) != 1) return 1;
+        ready.Send();
         for (;;) ::pause();
         return 0;
     });
-    char c;
-    ASSERT_EQ(1, ::read(ready[0], &c, 1));
-    ::close(ready[0]);
-    ::close(ready[1]);
+    ASSERT_TRUE(ready.Wait(kChildMs));
     ::kill(holder, SIGKILL);
     EXPECT_EQ(msptest::kChildSignalled, msptest::WaitChild(holder, kChildMs));
     EXPECT_EQ(0,

@@ -43,19 +43,8 @@ protected:
     Section s{};
 };
 
-TEST_F(SectionTest, NewSectionHasOnlyItsEndNode) {
-    ASSERT_NE(nullptr, s.firstKey);
-    EXPECT_EQ(s.firstKey, s.lastKey);
-    EXPECT_EQ(nullptr, s.lastKey->name);
-    EXPECT_EQ(dtypeNone, s.lastKey->type);
-    EXPECT_EQ(nullptr, s.lastKey->stringValue);
-    EXPECT_EQ(0, s.lastKey->intValue);
-    EXPECT_EQ(nullptr, s.lastKey->next);
-    EXPECT_STREQ("Sec", s.name);
-    EXPECT_EQ("[Sec]\r\n\r\n", Written(s));
-}
-
 TEST_F(SectionTest, KeysKeepTheirOrderTypeAndCase) {
+    EXPECT_EQ("[Sec]\r\n\r\n", Written(s));
     keyInfo* firstNode = s.firstKey;
     ASSERT_EQ(CFG_OK, s.createIntKey(C("Alpha"), -42));
     EXPECT_EQ(firstNode, s.firstKey);  // the end node was filled in place

@@ -41,25 +41,18 @@ protected:
 };
 
 TEST_F(CommonApis, ScanPathsAreHandedOutWhole) {
-    const std::string file = "[MCM]\r\nscanPaths=\"/share/Music;/share/Vid\xC3\xA9os\"\r\n\r\n";
-    SetConfig(file);
-    unsigned char* paths = nullptr;
-    msptest::CaptureFd err(2);
-    ASSERT_EQ(getConfigScanPaths(&paths), 0);
-    EXPECT_EQ(err.Finish(), "");
-    ASSERT_NE(paths, nullptr);
-    EXPECT_STREQ(reinterpret_cast<char*>(paths), "/share/Music;/share/Vid\xC3\xA9os");
-    free(paths);
-    EXPECT_EQ(Config(), file);
-}
-
-TEST_F(CommonApis, EmptyScanPathsGiveAnAllocatedEmptyString) {
-    SetConfig("[MCM]\r\nscanPaths=\"\"\r\n\r\n");
-    unsigned char* paths = nullptr;
-    ASSERT_EQ(getConfigScanPaths(&paths), 0);
-    ASSERT_NE(paths, nullptr);
-    EXPECT_EQ(paths[0], 0);
-    free(paths);
+    for (const std::string value : {"/share/Music;/share/Vid\xC3\xA9os", ""}) {
+        const std::string file = "[MCM]\r\nscanPaths=\"" + value + "\"\r\n\r\n";
+        SetConfig(file);
+        unsigned char* paths = nullptr;
+        msptest::CaptureFd err(2);
+        ASSERT_EQ(getConfigScanPaths(&paths), 0);
+        EXPECT_EQ(err.Finish(), "");
+        ASSERT_NE(paths, nullptr);
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(paths)), value);
+        free(paths);
+        EXPECT_EQ(Config(), file);
+    }
 }
 
 // A missing key, a missing section, a missing file and an integer key all fail on the length, leave *paths
@@ -167,21 +160,16 @@ TEST_F(CommonApis, IntegerServerNameFailsOnTheSet) {
     EXPECT_EQ(Config(), file);
 }
 
-TEST(GetComputerName, GivesTheHostNameInAClearedBuffer) {
-    const std::string host = HostName();
-    char name[128];
-    memset(name, 'x', sizeof name);
-    ASSERT_EQ(getComputerName(name, sizeof name), 0);
-    EXPECT_EQ(std::string(name), host);
-    for (size_t i = host.size(); i < sizeof name; ++i) ASSERT_EQ(name[i], 0) << i;
-}
-
-// A buffer too short for the name fails and nothing is written past it; a null buffer or a length below 1
-// is refused untouched.
+// The name comes in a cleared buffer; one too short fails with nothing written past it; a null buffer or a
+// length below 1 is refused untouched.
 TEST(GetComputerName, ShortOrMissingBuffer) {
     const std::string host = HostName();
     ASSERT_GE(host.size(), 1u);
     char name[130];
+    memset(name, 'x', sizeof name);
+    ASSERT_EQ(getComputerName(name, 128), 0);
+    EXPECT_EQ(std::string(name), host);
+    for (size_t i = host.size(); i < 128; ++i) ASSERT_EQ(name[i], 0) << i;
     memset(name, 'x', sizeof name);
     EXPECT_EQ(getComputerName(name + 1, static_cast<int>(host.size())), -1);
     EXPECT_EQ(name[0], 'x');
@@ -205,26 +193,21 @@ int InHostNamespace(const std::string& hostName, const std::function<int()>& bod
         60000);
 }
 
-TEST_F(CommonApis, HostNameNoneGivesTheDefault) {
-    const int rc = InHostNamespace("(none)", [this] {
-        char name[16];
-        if (getComputerName(name, sizeof name) != -1 || strcmp(name, "(none)") != 0) return 1;
-        if (setServerNameFromComputerName() != 0) return 2;
-        if (Config() != ServerNameFile("QuirnNAS")) return 3;
-        return 0;
-    });
-    if (rc == kNoNamespace) GTEST_SKIP() << "no right to make a UTS namespace and set its host name";
-    EXPECT_EQ(rc, 0);
-}
-
-TEST_F(CommonApis, LongestHostNameGoesInWhole) {
-    const std::string host(64, 'h');
-    const int rc = InHostNamespace(host, [&] {
-        if (setServerNameFromComputerName() != 0) return 1;
-        return Config() == ServerNameFile(host) ? 0 : 2;
-    });
-    if (rc == kNoNamespace) GTEST_SKIP() << "no right to make a UTS namespace and set its host name";
-    EXPECT_EQ(rc, 0);
+// "(none)" gives the default name; a 64-character name goes in whole.
+TEST_F(CommonApis, HostNamesSetInANamespace) {
+    const std::string longest(64, 'h');
+    for (const std::string& host : {std::string("(none)"), longest}) {
+        const int rc = InHostNamespace(host, [&] {
+            char name[16];
+            if (host == "(none)" && (getComputerName(name, sizeof name) != -1 || strcmp(name, "(none)") != 0))
+                return 1;
+            if (setServerNameFromComputerName() != 0) return 2;
+            return Config() == ServerNameFile(host == "(none)" ? "QuirnNAS" : host) ? 0 : 3;
+        });
+        if (rc == kNoNamespace) GTEST_SKIP() << "no right to make a UTS namespace and set its host name";
+        EXPECT_EQ(rc, 0) << host;
+        unlink(dir_.file("MediaServer.cfg").c_str());
+    }
 }
 
 }  // namespace

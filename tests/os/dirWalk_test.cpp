@@ -128,20 +128,6 @@ TEST(DirWalk, ReportsEveryEntryWithItsData) {
     EXPECT_EQ((std::vector<std::string>{"a.txt", "sub"}), ListDisk(dir.path()));
 }
 
-TEST(DirWalk, EndOfDirectoryLeavesTheRecordUntouched) {
-    TempDir dir;
-    std::wstring path = Wide(dir.path());
-    FileFindData data = Sentinel();
-    void* handle = Zv_FindFirst(&path[0], &data);
-    ASSERT_NE(nullptr, handle);
-    while (Zv_FindNext(handle, &path[0], &data) == 0) {
-    }
-    FileFindData before = data;
-    EXPECT_EQ(-1, Zv_FindNext(handle, &path[0], &data));
-    EXPECT_EQ(0, memcmp(&before, &data, sizeof data));
-    EXPECT_EQ(1, Zv_FindClose(handle));
-}
-
 TEST(DirWalk, TheDirectoryBitAloneMakesADirectory) {
     TempDir dir;
     std::string socketPath = dir.file("sock");

@@ -1,7 +1,6 @@
 #include "msplatform/mutex.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -60,29 +59,7 @@ Mutex* ChildMutex(const std::string& name) {
     return new Mutex(name.c_str());
 }
 
-// One-byte signals between processes, with a time-out on the reading side.
-class Pipe {
-public:
-    Pipe() { EXPECT_EQ(0, ::pipe(fd_)); }
-    ~Pipe() {
-        ::close(fd_[0]);
-        ::close(fd_[1]);
-    }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-    void Send() {
-        if (::write(fd_[1], "x", 1) != 1) std::abort();
-    }
-    bool Wait(int ms) {
-        struct pollfd p = {fd_[0], POLLIN, 0};
-        if (::poll(&p, 1, ms) != 1) return false;
-        char c;
-        return ::read(fd_[0], &c, 1) == 1;
-    }
-
-private:
-    int fd_[2] = {-1, -1};
-};
+using msptest::Pipe;
 
 TEST(Mutex, KeyIsTheByteSumTimes99) {
     const std::string names[] = {TestName("key"), "\xff\xfe\x80mspcfg.high", "Zq"};
@@ -127,44 +104,6 @@ TEST(Mutex, UnnamedAndEmptyNamedLocksArePrivateAndFree) {
     EXPECT_NE(a.getid(), b.getid());
     EXPECT_NE(c.getid(), d.getid());
     EXPECT_NE(a.getid(), c.getid());
-}
-
-TEST(Mutex, SecondProcessAttachesToTheHeldLockAndWaits) {
-    std::string name = TestName("attach");
-    RemoveKey(KeyOf(name));
-    Mutex first(name.c_str());
-    ASSERT_GT(first.getid(), 0);
-    first.lock();
-    Pipe attached, locked;
-    pid_t child = msptest::StartChild([&] {
-        Mutex* second = ChildMutex(name);
-        if (second->getid() != first.getid() || Value(second->getid()) != 0) return 1;
-        attached.Send();
-        second->lock();
-        locked.Send();
-        second->unlock();
-        return 0;
-    });
-    ASSERT_TRUE(attached.Wait(kChildMs));
-    EXPECT_FALSE(locked.Wait(300)) << "the second process took a held lock";
-    first.unlock();
-    EXPECT_TRUE(locked.Wait(kChildMs));
-    EXPECT_EQ(0, msptest::WaitChild(child, kChildMs));
-    EXPECT_EQ(1, Value(first.getid()));
-}
-
-TEST(Mutex, NamesWithTheSameByteSumShareOneLock) {
-    std::string name = TestName("anagram");
-    std::string anagram(name.rbegin(), name.rend());
-    RemoveKey(KeyOf(name));
-    Mutex m(name.c_str());
-    Mutex n(anagram.c_str());
-    ASSERT_GT(m.getid(), 0);
-    EXPECT_EQ(m.getid(), n.getid());
-    m.lock();
-    EXPECT_EQ(0, Value(n.getid()));
-    n.unlock();  // no owner: the other object gives it back
-    EXPECT_EQ(1, Value(m.getid()));
 }
 
 TEST(Mutex, KilledHolderDoesNotBlockOthers) {

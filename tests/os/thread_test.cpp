@@ -211,12 +211,17 @@ TEST(Thread, SetPriorityAlwaysGivesNormalPolicyAtZero) {
     Within("delete", [thread] { delete thread; });
 }
 
+// Also: each thread starts the random sequence from seed 0.
 TEST(Thread, SleepSplitsMillisecondsIntoSecondsAndNanoseconds) {
+    srand(0);
+    const int first = rand();
+    srand(12345);
     Probe probe;
     probe.release.Open();
     TestThread* thread = new TestThread(&probe, 1, 0);
     thread->resume();
     WaitFinished(thread);
+    EXPECT_EQ(first, probe.randomValue);
     {
         ostest::SystemCallsGuard guard;
         static struct timespec asked;
@@ -240,20 +245,6 @@ TEST(Thread, SleepSplitsMillisecondsIntoSecondsAndNanoseconds) {
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(0, thread->sleep(60));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(60));
-    Within("delete", [thread] { delete thread; });
-}
-
-TEST(Thread, EachThreadStartsTheRandomSequenceFromSeedZero) {
-    srand(0);
-    int first = rand();
-    srand(12345);
-    rand();
-    Probe probe;
-    probe.release.Open();
-    TestThread* thread = new TestThread(&probe, 1, 0);
-    thread->resume();
-    WaitFinished(thread);
-    EXPECT_EQ(first, probe.randomValue);
     Within("delete", [thread] { delete thread; });
 }
 

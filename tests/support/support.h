@@ -108,4 +108,20 @@ private:
     const char* text_ = nullptr;
 };
 
+// One-byte signals between processes (made before the fork), with a time-out on the reading side.
+class Pipe {
+public:
+    Pipe();
+    ~Pipe();
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    void Send();
+    // True once a byte came; false after `timeoutMs` without one.
+    bool Wait(int timeoutMs);
+
+private:
+    int fd_[2] = {-1, -1};
+};
+
 }  // namespace msptest

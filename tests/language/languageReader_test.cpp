@@ -301,7 +301,9 @@ TEST(LanguageReader, FailedAllocationsLoseTermsNotTheProcess) {
         Load load = LoadDocument("English", document);
         languageReaderCalloc = calloc;
         EXPECT_LE(load.terms.size(), 3u);
-        if (n >= 9) EXPECT_EQ((std::vector<std::string>{"a=x", "b=y", "c=z"}), load.terms);
+        if (n >= 9) {
+            EXPECT_EQ((std::vector<std::string>{"a=x", "b=y", "c=z"}), load.terms);
+        }
     }
 }
 

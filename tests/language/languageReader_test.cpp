@@ -2,25 +2,20 @@
 
 #include <gtest/gtest.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "language/internal.h"
 #include "msplatform/ZvLanguageReader.h"
-#include "msplatform/mutex.h"
-#include "msplatform/xmlParser.h"
 #include "support/support.h"
 
 namespace {
 
 const char kShippedFile[] = MSPLATFORM_SOURCE_DIR "/data/languages.xml";
 
-// A working directory with a MediaServer.cfg that names `languageFile` and `language`.
 class LanguageDir {
 public:
     LanguageDir(const std::string& language, const std::string& document) : chdir_(dir_.path()) {
@@ -74,10 +69,7 @@ std::string Document(const std::string& terms) {
 
 TEST(LanguageReader, ShippedFileInEachLanguage) {
     struct Case {
-        const char* language;
-        const char* music;
-        const char* artistAlbum;
-        const char* error;
+        const char *language, *music, *artistAlbum, *error;
     } cases[] = {
         {"English", "Music", "Artist & Album", "Folder <%s> is not readable"},
         {"Deutsch", "Musik", "Interpret & Album", "Ordner <%s> ist nicht lesbar"},
@@ -129,8 +121,7 @@ TEST(LanguageReader, FlatFunctionsOnTheStaticReader) {
 
 TEST(LanguageReader, TermsOfOddDocuments) {
     struct Case {
-        const char* name;
-        const char* terms;
+        const char *name, *terms;
         std::vector<std::string> expected;
     } cases[] = {
         {"plain", "<T ID=\"a\"><English>x</English><Deutsch>y</Deutsch></T>", {"a=x"}},
@@ -163,13 +154,10 @@ TEST(LanguageReader, TermsOfOddDocuments) {
         EXPECT_EQ(static_cast<int>(c.expected.size()), load.termsCount);
         EXPECT_EQ(c.expected.empty() ? 0 : 1, load.result);
     }
-}
-
-TEST(LanguageReader, ElementBehindTheWrapperCountsAsATerm) {
+    // An element behind the wrapper counts as one more, empty term.
     Load load = LoadDocument("English",
                              "<Root><Languages><Name>English</Name></Languages><Header/><W>"
                              "<T ID=\"a\"><English>x</English></T></W><Extra>e</Extra></Root>");
-    EXPECT_EQ(1, load.result);
     EXPECT_EQ((std::vector<std::string>{"a=x", "-=-"}), load.terms);
 }
 
@@ -177,8 +165,7 @@ TEST(LanguageReader, FailuresPrintTheirTextsWithoutLineEnds) {
     const std::string terms = "<T ID=\"a\"><English>x</English></T>";
     struct Case {
         const char* name;
-        std::string document;
-        const char* printed;
+        std::string document, printed;
     } cases[] = {
         {"empty file", "", "initialize exception : Copying XML buffer Failed !!!"},
         {"no tags", "<?xml version=\"1.0\"?>",
@@ -206,7 +193,7 @@ TEST(LanguageReader, AFifoAsLanguageFileFailsAtOnce) {
     LanguageDir dir("English", "");
     ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
     dir.Configure(dir.file("fifo"), "English");
-    // Nobody writes to the FIFO: an open that waited for a writer would hold the lock for ever.
+    // Nobody writes to the FIFO: an open that waited for a writer would hang.
     int status = msptest::RunChild(
         [&] {
             ZvLanguageReader reader;
@@ -228,8 +215,7 @@ TEST(LanguageReader, ConfigurationFailures) {
     ZvLanguageReader reader;
     struct Case {
         const char* name;
-        std::string config;
-        const char* printed;
+        std::string config, printed;
     } cases[] = {
         {"missing file", "",
          "loadConfigValues: GetConfigStringLen failed while getting language filepath !!!"},
@@ -250,12 +236,10 @@ TEST(LanguageReader, ConfigurationFailures) {
         msptest::CaptureFd err(2);
         EXPECT_EQ(0, reader.initialize(dir.config()));
         std::string printed = err.Finish();
-        bool configFailed = std::string(c.printed).rfind("loadConfigValues", 0) == 0;
-        EXPECT_EQ(std::string(c.printed) +
-                      (configFailed ? "initialize exception : Loading Configuration values Failed !!!"
-                                    : "initialize exception : Copying XML buffer Failed !!!"),
+        bool configFailed = c.printed.rfind("loadConfigValues", 0) == 0;
+        EXPECT_EQ(c.printed + (configFailed ? "initialize exception : Loading Configuration values Failed !!!"
+                                            : "initialize exception : Copying XML buffer Failed !!!"),
                   printed);
-        // Only a failure in reading the configuration takes the current language back.
         EXPECT_EQ(configFailed, reader.currentLanguage == nullptr);
     }
 
@@ -297,7 +281,6 @@ TEST(LanguageReader, SecondLoadAppendsAndFailedLoadKeepsWhatItStored) {
     reader.deinitialize();
     EXPECT_EQ(nullptr, reader.termInfoList);
     EXPECT_EQ(nullptr, reader.getTermInfobyID("a"));
-    reader.deinitialize();  // twice is harmless
 }
 
 int failAfter = -1;
@@ -308,7 +291,6 @@ void* FailingCalloc(size_t count, size_t size) {
 }
 
 TEST(LanguageReader, FailedAllocationsLoseTermsNotTheProcess) {
-    // Every allocation of a term or text fails in turn; the load never crashes and leaks nothing.
     const std::string document = Document(
         "<T ID=\"a\"><English>x</English></T><T ID=\"b\"><English>y</English></T><T "
         "ID=\"c\"><English>z</English></T>");
@@ -323,18 +305,6 @@ TEST(LanguageReader, FailedAllocationsLoseTermsNotTheProcess) {
             EXPECT_EQ((std::vector<std::string>{"a=x", "b=y", "c=z"}), load.terms);
         }
     }
-}
-
-TEST(LanguageReader, SkipToNextTermFollowsTwoLinksPerLanguage) {
-    char text[] = "<a/><b/><c/>";
-    xml_node* nodes = xml_ParseXML(text, 0, sizeof text - 1);
-    ZvLanguageReader reader;
-    EXPECT_EQ(nodes, reader.skipToNextTerm(nodes));
-    reader.languagesCount = 1;
-    EXPECT_EQ(nodes->next->next, reader.skipToNextTerm(nodes));
-    reader.languagesCount = 5;
-    EXPECT_EQ(nullptr, reader.skipToNextTerm(nodes));
-    xml_DestructXMLNodeList(nodes);
 }
 
 }  // namespace

@@ -2,9 +2,8 @@
 #pragma once
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/types.h>
-#include <time.h>
 #include <utime.h>
 
 #include <algorithm>
@@ -19,14 +18,10 @@
 namespace loggertest {
 
 struct Settings {
-    int mode = 1;
-    int verbosity = 3;
-    int filesCount = 100;
-    int fileSize = 100000;
+    int mode = 1, verbosity = 3, filesCount = 100, fileSize = 100000;
     std::string path;
 };
 
-// A configuration file holding one section with the logger's five keys.
 inline std::string ConfigText(const std::string& section, const Settings& s) {
     return "[" + section + "]\r\nlogMode=" + std::to_string(s.mode) +
            "\r\nlogVerbosity=" + std::to_string(s.verbosity) +
@@ -52,52 +47,27 @@ inline std::vector<std::string> LogFiles(const std::string& dir) {
     return names;
 }
 
-// The lines of a file's text, each without its newline; false if the text does not end in a newline.
-inline bool SplitLines(const std::string& text, std::vector<std::string>* lines) {
-    lines->clear();
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) return false;
-        lines->push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return true;
-}
-
-// Splits a log line (without its newline) into the stamp's fields and the message. The stamp is
-// "MM-DD-YYYY : HH:MM:SS.mmm", then a tab, a blank, a colon and a blank precede the message.
-struct Line {
-    int month, day, year, hour, minute, second, millisecond;
-    std::string message;
-};
-
-inline bool ParseLine(const std::string& text, Line* line) {
+// The messages of a log file; a failure for a line without its newline or the stamp's shape
+// "MM-DD-YYYY : HH:MM:SS.mmm\t : ".
+inline std::vector<std::string> Messages(const std::string& path) {
     static const char kShape[] = "dd-dd-dddd : dd:dd:dd.ddd\t : ";
     const size_t n = sizeof kShape - 1;
-    if (text.size() < n) return false;
-    for (size_t i = 0; i < n; ++i) {
-        if (kShape[i] == 'd' ? (text[i] < '0' || text[i] > '9') : text[i] != kShape[i]) return false;
+    const std::string text = msptest::ReadFile(path);
+    std::vector<std::string> messages;
+    for (size_t start = 0, end; start < text.size(); start = end + 1) {
+        end = text.find('\n', start);
+        if (end == std::string::npos) {
+            ADD_FAILURE() << path << " ends inside a line";
+            break;
+        }
+        std::string line = text.substr(start, end - start);
+        bool shaped = line.size() >= n;
+        for (size_t i = 0; shaped && i < n; ++i)
+            shaped = kShape[i] == 'd' ? (line[i] >= '0' && line[i] <= '9') : line[i] == kShape[i];
+        EXPECT_TRUE(shaped) << path << ": " << line;
+        messages.push_back(shaped ? line.substr(n) : line);
     }
-    auto num = [&](size_t at, size_t len) { return std::atoi(text.substr(at, len).c_str()); };
-    *line =
-        Line{num(0, 2), num(3, 2), num(6, 4), num(13, 2), num(16, 2), num(19, 2), num(22, 3), text.substr(n)};
-    return line->month >= 1 && line->month <= 12 && line->day >= 1 && line->day <= 31 && line->hour < 24 &&
-           line->minute < 60 && line->second < 61 && line->millisecond < 1000;
-}
-
-// Seconds since the epoch of a local date and time.
-inline time_t LocalSeconds(int month, int day, int year, int hour, int minute, int second) {
-    struct tm t;
-    std::memset(&t, 0, sizeof t);
-    t.tm_mon = month - 1;
-    t.tm_mday = day;
-    t.tm_year = year - 1900;
-    t.tm_hour = hour;
-    t.tm_min = minute;
-    t.tm_sec = second;
-    t.tm_isdst = -1;
-    return ::mktime(&t);
+    return messages;
 }
 
 inline void SetModifiedTime(const std::string& path, time_t when) {
@@ -112,10 +82,7 @@ inline char* HeapText(const std::string& text) {
 
 inline fileInfo* MakeNode(const std::string& name, uint32_t time) {
     fileInfo* node = static_cast<fileInfo*>(std::malloc(sizeof(fileInfo)));
-    node->name = HeapText(name);
-    node->size = 0;
-    node->time = time;
-    node->next = nullptr;
+    *node = fileInfo{HeapText(name), 0, time, nullptr};
     return node;
 }
 
@@ -123,12 +90,6 @@ inline std::vector<std::string> ListNames(const ZvEventLogger& logger) {
     std::vector<std::string> names;
     for (fileInfo* n = logger.fileList; n; n = n->next) names.push_back(n->name);
     return names;
-}
-
-inline std::vector<uint32_t> ListTimes(const ZvEventLogger& logger) {
-    std::vector<uint32_t> times;
-    for (fileInfo* n = logger.fileList; n; n = n->next) times.push_back(n->time);
-    return times;
 }
 
 }  // namespace loggertest

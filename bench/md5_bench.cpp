@@ -1,40 +1,64 @@
-// MD5 throughput: hashes a buffer that stays in cache many times and prints MB/s for a few update sizes.
-#include <stdio.h>
-#include <time.h>
+// MD5: MD5Init + MD5Update + MD5Final over one message, against OpenSSL's one-shot MD5 on the same bytes.
+#include <string.h>
 
+#include <memory>
 #include <vector>
 
+#include "bench.h"
 #include "msplatform/md5.h"
+
+#ifdef MSPB_HAVE_OPENSSL
+namespace mspb {
+// In md5_openssl.cpp: OpenSSL's header has an MD5_CTX of its own.
+void OpensslMd5(const unsigned char* data, size_t size, unsigned char* digest);
+}  // namespace mspb
+#endif
 
 namespace {
 
-double Seconds() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
+const char kOperation[] = "MD5Update+MD5Final";
 
-}  // namespace
+void RegisterAll() {
+    for (size_t size : {mspb::Size(64, 64), mspb::Size(4 << 10, 128), mspb::Size(16 << 20, 1024)}) {
+        auto data = std::make_shared<std::vector<unsigned char>>(size);
+        mspb::Random random(0x5EED0006);
+        for (auto& byte : *data) byte = static_cast<unsigned char>(random.next());
+        const std::string input = mspb::SizeName(size);
 
-int main() {
-    const size_t kTotal = size_t(1) << 30;  // bytes hashed per measurement
-    const unsigned kSizes[] = {64, 1024, 16 * 1024, 1024 * 1024};
-    std::vector<unsigned char> data(1024 * 1024);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 131 + 7);
+        mspb::Add(kOperation, input, "msplatform", [data](benchmark::State& state) {
+            unsigned char digest[16];
+            for (auto _ : state) {
+                MD5_CTX context;
+                MD5Init(&context);
+                MD5Update(&context, data->data(), static_cast<unsigned int>(data->size()));
+                MD5Final(digest, &context);
+                benchmark::DoNotOptimize(digest);
+            }
+            state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * data->size()));
+        });
 
-    unsigned char digest[16];
-    for (unsigned size : kSizes) {
-        double best = 0;
-        for (int round = 0; round < 3; ++round) {
+#ifdef MSPB_HAVE_OPENSSL
+        {
+            unsigned char ours[16], theirs[16];
             MD5_CTX context;
             MD5Init(&context);
-            const double start = Seconds();
-            for (size_t done = 0; done < kTotal; done += size) MD5Update(&context, data.data(), size);
-            MD5Final(digest, &context);
-            const double rate = kTotal / (Seconds() - start) / 1e6;
-            if (rate > best) best = rate;
+            MD5Update(&context, data->data(), static_cast<unsigned int>(data->size()));
+            MD5Final(ours, &context);
+            mspb::OpensslMd5(data->data(), data->size(), theirs);
+            if (memcmp(ours, theirs, 16) != 0) mspb::Fail("OpenSSL gives another digest");
         }
-        printf("MD5Update of %7u bytes: %7.1f MB/s (digest byte %02x)\n", size, best, digest[0]);
+        mspb::Add(kOperation, input, "OpenSSL_MD5", [data](benchmark::State& state) {
+            unsigned char digest[16];
+            for (auto _ : state) {
+                mspb::OpensslMd5(data->data(), data->size(), digest);
+                benchmark::DoNotOptimize(digest);
+            }
+            state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * data->size()));
+        });
+#endif
     }
-    return 0;
 }
+
+mspb::Registrar registrar(RegisterAll);
+
+}  // namespace

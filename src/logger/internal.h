@@ -8,7 +8,7 @@
 // one fail. Release with free.
 extern void* (*eventLoggerAlloc)(size_t size);
 
-// The clock of the log lines and file names: `time` and OS_GetTimeWithMilliSeconds by default. Tests freeze or
-// step them to make two names meet, or move the date out of range.
+// The clock of the log lines and file names: `time` and OS_GetTimeWithMilliSeconds by default. Tests freeze
+// or step them to make two names meet, or move the date out of range.
 extern time_t (*eventLoggerTime)(time_t* seconds);
 extern int (*eventLoggerMilliseconds)();

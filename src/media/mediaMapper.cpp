@@ -127,6 +127,10 @@ int MediaMapper::initialize() {
         // An unbalanced file still loads: the depth count below decides what is a record.
         xml_ProcessXMLNodeList(nodes);
 
+        // Records go on at the tail, found once here rather than by a walk from the head for each record,
+        // which made a load quadratic in the number of formats.
+        MediaFormatInfo** tail = &formatList;
+        while (*tail != nullptr) tail = &(*tail)->next;
         int depth = 0;
         for (xml_node* node = nodes; node != nullptr; node = node->next) {
             if (node->isStart != 0) {
@@ -147,7 +151,9 @@ int MediaMapper::initialize() {
                 }
             } else {
                 if (depth == 2 && current != nullptr) {
-                    addFormatToList(current);
+                    current->next = nullptr;
+                    *tail = current;
+                    tail = &current->next;
                     current = nullptr;
                 }
                 --depth;

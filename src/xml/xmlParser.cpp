@@ -38,6 +38,26 @@ xml_node* newNode(char* name, int nameLength, char* prefix, int prefixLength, bo
     return node;
 }
 
+// What a byte means to the scan of a tag's first word.
+enum ByteKind : unsigned char { kPlain, kWordEnd, kColon, kNameEnd };
+
+struct ByteKinds {
+    unsigned char kind[256];
+};
+
+constexpr ByteKinds makeByteKinds() {
+    ByteKinds table{};
+    table.kind[static_cast<unsigned char>(' ')] = kWordEnd;
+    table.kind[static_cast<unsigned char>('>')] = kWordEnd;
+    table.kind[static_cast<unsigned char>(':')] = kColon;
+    table.kind[static_cast<unsigned char>('/')] = kNameEnd;
+    table.kind[static_cast<unsigned char>('\r')] = kNameEnd;
+    table.kind[static_cast<unsigned char>('\n')] = kNameEnd;
+    return table;
+}
+
+constexpr ByteKinds kByteKinds = makeByteKinds();
+
 struct NodeList {
     xml_node* first = nullptr;
     xml_node* last = nullptr;
@@ -61,18 +81,27 @@ bool addCandidate(NodeList& list, char* candidate, long long length) {
     char* const tag = closing ? candidate + 1 : candidate;
     char* const tagEnd = candidate + length;
 
-    // The first word ends at the first blank or ">"; its first two colons bound prefix and name.
+    // The first word ends at the first blank or ">"; its first two colons bound prefix and name. The same
+    // scan notes the first "/", CR or LF that can end the name: behind the name's first byte, which is the
+    // tag's first byte without a colon, or the byte behind the first colon with one.
     char* wordEnd = tag;
     char* colon = nullptr;
     char* secondColon = nullptr;
+    char* cut = nullptr;       // first name end in a name without prefix
+    char* cutAfter = nullptr;  // first name end behind the first colon
     for (; wordEnd < tagEnd; ++wordEnd) {
-        const char c = *wordEnd;
-        if (c == ' ' || c == '>') break;
-        if (c == ':') {
+        const unsigned char kind = kByteKinds.kind[static_cast<unsigned char>(*wordEnd)];
+        if (kind == kPlain) continue;
+        if (kind == kWordEnd) break;
+        if (kind == kColon) {
             if (!colon)
                 colon = wordEnd;
             else if (!secondColon)
                 secondColon = wordEnd;
+        } else if (!colon) {
+            if (!cut && wordEnd > tag) cut = wordEnd;
+        } else if (!cutAfter && wordEnd > colon + 1) {
+            cutAfter = wordEnd;
         }
     }
     const char* gt = wordEnd < tagEnd && *wordEnd == '>' ? wordEnd : findByte(wordEnd, tagEnd - wordEnd, '>');
@@ -88,22 +117,20 @@ bool addCandidate(NodeList& list, char* candidate, long long length) {
     char* prefix = nullptr;
     long long prefixLength = 0;
     char* name = tag;
-    long long nameLength = wordEnd - tag;
+    char* nameEnd = wordEnd;
     if (colon) {
         prefix = tag;
         prefixLength = colon - tag;
         name = colon + 1;
-        nameLength = (secondColon ? secondColon : wordEnd) - name;
+        nameEnd = secondColon ? secondColon : wordEnd;
+        cut = cutAfter;
     }
     // The first byte is never looked at, so a name may begin with "/" or a line end.
-    for (long long i = 1; i < nameLength; ++i) {
-        const char c = name[i];
-        if (c == '/' || c == '\r' || c == '\n') {
-            if (c == '/') empty = true;
-            nameLength = i;
-            break;
-        }
+    if (cut && cut < nameEnd) {
+        if (*cut == '/') empty = true;
+        nameEnd = cut;
     }
+    const long long nameLength = nameEnd - name;
     if (nameLength == 0) return true;
 
     xml_node* node = newNode(name, static_cast<int>(nameLength), prefix, static_cast<int>(prefixLength),

@@ -607,6 +607,19 @@ TEST_F(LoggerTest, LogDirectoryThatIsAPlainFileStartsWithNoFileAndNoList) {
     EXPECT_EQ("not a directory", msptest::ReadFile(logs_));
 }
 
+TEST_F(LoggerTest, LogDirectoryWithBytesAbove7FIsWrittenButNotScanned) {
+    // The scan widens byte by byte and the walker encodes each byte again, so it looks in another directory.
+    ZvEventLogger logger;
+    Settings s = InLogs();
+    s.path = dir_.file("l\xC3\xB6gs");
+    ASSERT_EQ(1, logger.initializeLogger(Config(s), kSection));
+    EXPECT_EQ(1u, LogFiles(s.path).size());
+    EXPECT_NE(nullptr, logger.logFile);
+    EXPECT_EQ(0, logger.currentFilesCount);
+    EXPECT_EQ(nullptr, logger.fileList);
+    logVerbosity = 0;
+}
+
 TEST_F(LoggerTest, DirectoryThatCannotBeMadeGivesZeroAndASilentLogger) {
     ZvEventLogger logger;
     Settings s = InLogs();

@@ -430,4 +430,50 @@ TEST(Conversions, RandomInputStaysInBoundsAndFollowsTheTables) {
     }
 }
 
+TEST(Conversions, LongAsciiRunsBetweenOtherCharactersFollowTheTables) {
+    // ASCII runs of every length around the block sizes of the conversions, between multi-byte characters
+    // and stray high bytes, in both directions.
+    std::mt19937 random(7);
+    for (int round = 0; round < 500; ++round) {
+        Bytes text;
+        Units units;
+        while (text.size() < 200) {
+            for (int run = static_cast<int>(random() % 20); run > 0; --run) {
+                const unsigned char c = static_cast<unsigned char>(1 + random() % 127);
+                text.push_back(c);
+                units.push_back(static_cast<wchar_t>(c | (random() % 4 == 0 ? 0x10000u : 0u)));
+            }
+            const uint32_t high = 0x80 + random() % 0xFF80;
+            text.push_back(static_cast<unsigned char>(random() % 2 ? 0xC3 : 0xE4));
+            units.push_back(static_cast<wchar_t>(high));
+        }
+        int result = 0;
+        ASSERT_EQ(ReferenceDecode(text), Decoded(text, &result)) << ::testing::PrintToString(text);
+
+        GuardedText<wchar_t> wide(units);
+        Guarded<unsigned char> encoded(3 * units.size() + 1);
+        const int bytes = Convert_UCS_UTF8(wide.data(), encoded.data());
+        Bytes expected;
+        for (wchar_t u : units) {
+            const uint32_t c = static_cast<uint32_t>(u) & 0xFFFF;
+            if (c < 0x80) {
+                expected.push_back(static_cast<unsigned char>(c));
+            } else if (c < 0x800) {
+                expected.push_back(static_cast<unsigned char>(0xC0 + (c >> 6)));
+                expected.push_back(static_cast<unsigned char>(0x80 + (c & 0x3F)));
+            } else {
+                expected.push_back(static_cast<unsigned char>(0xE0 + (c >> 12)));
+                expected.push_back(static_cast<unsigned char>(0x80 + ((c >> 6) & 0x3F)));
+                expected.push_back(static_cast<unsigned char>(0x80 + (c & 0x3F)));
+            }
+        }
+        ASSERT_EQ(static_cast<int>(expected.size()), bytes);
+        ASSERT_EQ(Bytes(encoded.data(), encoded.data() + bytes + 1), [&] {
+            Bytes e(expected);
+            e.push_back(0);
+            return e;
+        }());
+    }
+}
+
 }  // namespace

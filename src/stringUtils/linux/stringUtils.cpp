@@ -26,7 +26,7 @@ int StrnCaseCmp(const char* a, const char* b, size_t length) {
 namespace {
 
 // Bytes that the URI form lets stand for themselves.
-bool isUriSafe(unsigned int c) {
+constexpr bool isUriSafe(unsigned int c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
            c == '/' || c == ':' || c == '_' || c == '?';
 }
@@ -54,7 +54,7 @@ int readSequence(const unsigned char* source, unsigned char bytes[4], bool* cut)
 }
 
 // Bytes that HTTPUrlEscape lets stand for themselves.
-bool isUrlSafe(unsigned char c) {
+constexpr bool isUrlSafe(unsigned char c) {
     if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
     switch (c) {
         case '/':
@@ -73,6 +73,20 @@ bool isUrlSafe(unsigned char c) {
             return false;
     }
 }
+
+// What each byte costs in HTTPUrlEscape's output: 1 if it stands for itself, 3 for "%XX". One load per byte
+// instead of a chain of tests.
+struct UrlWidths {
+    unsigned char width[256];
+};
+
+constexpr UrlWidths makeUrlWidths() {
+    UrlWidths table{};
+    for (int c = 0; c < 256; ++c) table.width[c] = isUrlSafe(static_cast<unsigned char>(c)) ? 1 : 3;
+    return table;
+}
+
+constexpr UrlWidths kUrlWidths = makeUrlWidths();
 
 int hexValue(unsigned char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -166,6 +180,100 @@ int strUtf8Len(const char* source, int isWide, int escape) {
     return total > static_cast<unsigned long long>(INT_MAX) ? INT_MAX : static_cast<int>(total);
 }
 
+namespace {
+
+// What _strToUtf8 makes of one unit below 0x100, plain or escaped: the bytes, and the UTF-8 bytes they count.
+struct Encoded {
+    char bytes[6];
+    unsigned char length;  // 1, 2, 3 or 6
+    unsigned char items;   // 1 or 2
+};
+
+struct EncodingTable {
+    Encoded unit[256];
+};
+
+constexpr EncodingTable makeEncodingTable(bool escape) {
+    constexpr char kHex[] = "0123456789abcdef";
+    EncodingTable table{};
+    for (unsigned int c = 0; c < 256; ++c) {
+        Encoded& e = table.unit[c];
+        const unsigned int bytes[2] = {c < 0x80 ? c : 0xC0 | (c >> 6), 0x80 | (c & 0x3F)};
+        e.items = c < 0x80 ? 1 : 2;
+        for (unsigned int i = 0; i < e.items; ++i) {
+            const unsigned int b = bytes[i];
+            if (!escape || (c < 0x80 && (c == 0 || isUriSafe(c)))) {
+                e.bytes[e.length++] = static_cast<char>(b);
+            } else {
+                e.bytes[e.length++] = '%';
+                if (b >= 0x10) e.bytes[e.length++] = kHex[b >> 4];
+                e.bytes[e.length++] = kHex[b & 0x0F];
+            }
+        }
+    }
+    return table;
+}
+
+constexpr EncodingTable kPlainEncoding = makeEncodingTable(false);
+constexpr EncodingTable kEscapedEncoding = makeEncodingTable(true);
+
+// Encodes units from `in` while the write position is below `end`, up to the terminator or the first unit of
+// 0x100 or more; moves `j` and `items` on and gives the first unit not encoded. Writes only the bytes of the
+// encoding, nothing behind them.
+template <bool kWide>
+const unsigned char* encodeFromTable(const EncodingTable& table, const unsigned char* in, char* destination,
+                                     size_t end, int& j, int& items) {
+    char* out = destination + j;
+    char* const stop = destination + end;
+    int counted = items;
+    for (; out < stop; in += kWide ? 2 : 1) {
+        const unsigned int c = kWide ? in[0] | (in[1] << 8) : in[0];
+        if (c == 0 || (kWide && c >= 0x100)) break;
+        const Encoded& e = table.unit[c];
+        out[0] = e.bytes[0];
+        if (e.length > 1) {
+            out[1] = e.bytes[1];
+            if (e.length > 2) {
+                out[2] = e.bytes[2];
+                if (e.length > 3) {
+                    out[3] = e.bytes[3];
+                    out[4] = e.bytes[4];
+                    out[5] = e.bytes[5];
+                }
+            }
+        }
+        out += e.length;
+        counted += e.items;
+    }
+    j = static_cast<int>(out - destination);
+    items = counted;
+    return in;
+}
+
+// The same for one-byte text of known length, without a branch per byte: every unit stores all six bytes of
+// its table entry and moves on by its real length. The bytes behind the real ones are scratch that the next
+// units overwrite: each of them writes at least one byte, so the five units that follow the last one done
+// here cover its scratch. The caller keeps five units of text and 24 bytes of room behind `end`, so that
+// those units are written before any room test can stop the conversion.
+const unsigned char* encodeNarrowFromTable(const EncodingTable& table, const unsigned char* in,
+                                           const unsigned char* inEnd, char* destination, size_t end, int& j,
+                                           int& items) {
+    char* out = destination + j;
+    char* const stop = destination + end;
+    int counted = items;
+    for (; out < stop && in < inEnd; ++in) {
+        const Encoded& e = table.unit[*in];
+        memcpy(out, e.bytes, sizeof e.bytes);
+        out += e.length;
+        counted += e.items;
+    }
+    j = static_cast<int>(out - destination);
+    items = counted;
+    return in;
+}
+
+}  // namespace
+
 int _strToUtf8(char* destination, const char* source, int size, int isWide, int* count, int escape) {
     if (size < 1) {
         if (count != nullptr) *count = 0;
@@ -188,6 +296,20 @@ int _strToUtf8(char* destination, const char* source, int size, int isWide, int*
         }
         ++items;
     };
+    // While the destination has more than 12 bytes of room left, no unit (at most 9 bytes) can meet any of
+    // the room tests below, so units under 0x100 come from a table, with no test but the terminator's.
+    if (limit > 12) {
+        const EncodingTable& table = escape != 0 ? kEscapedEncoding : kPlainEncoding;
+        if (isWide == 0) {
+            const size_t length = strlen(source);
+            if (length > 5 && limit > 24)
+                in = encodeNarrowFromTable(table, in, in + (length - 5), destination,
+                                           static_cast<size_t>(limit - 24), j, items);
+        }
+        in = isWide != 0
+                 ? encodeFromTable<true>(table, in, destination, static_cast<size_t>(limit - 12), j, items)
+                 : encodeFromTable<false>(table, in, destination, static_cast<size_t>(limit - 12), j, items);
+    }
     for (;; in += step) {
         const unsigned int c = isWide != 0 ? in[0] | (in[1] << 8) : in[0];
         if (c < 0x80) {
@@ -310,12 +432,13 @@ int HTTPUrlEscape(char* destination, const char* source) {
     static const char kHex[] = "0123456789ABCDEF";
     char* out = destination;
     for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
-        if (isUrlSafe(*in)) {
-            *out++ = static_cast<char>(*in);
+        const unsigned char c = *in;
+        if (kUrlWidths.width[c] == 1) {
+            *out++ = static_cast<char>(c);
         } else {
             out[0] = '%';
-            out[1] = kHex[*in >> 4];
-            out[2] = kHex[*in & 0x0F];
+            out[1] = kHex[c >> 4];
+            out[2] = kHex[c & 0x0F];
             out += 3;
         }
     }
@@ -327,7 +450,7 @@ int HTTPUrlEscapeLength(const char* source) {
     // Wide enough for any text in memory: on the 32-bit target 720 MB of blanks would overflow an int.
     unsigned long long length = 1;
     for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
-        length += isUrlSafe(*in) ? 1 : 3;
+        length += kUrlWidths.width[*in];
     }
     return length > static_cast<unsigned long long>(INT_MAX) ? INT_MAX : static_cast<int>(length);
 }

@@ -891,6 +891,42 @@ TEST(Utf8Up, EverySizeGivesAPrefixOfTheWholeFormAndNeverWritesAtOrPastIt) {
     }
 }
 
+TEST(Utf8Up, LongOneByteTextAtEverySizeLeavesTheBytesBehindTheResultAlone) {
+    // Long enough for the table-driven runs inside the conversion: every size from 1 to past the whole form,
+    // compared with the oracle, and every byte behind the terminator still the marker put there before.
+    std::mt19937 random(11);
+    for (int round = 0; round < 6; ++round) {
+        std::string source(40 + random() % 60, ' ');
+        for (char& c : source)
+            c = static_cast<char>(random() % 3 == 0 ? 128 + random() % 128 : 1 + random() % 127);
+        std::u16string widened;
+        for (char c : source) widened += static_cast<char16_t>(static_cast<unsigned char>(c));
+        for (bool escape : {false, true}) {
+            int bytes = 0;
+            const std::string whole = UpOracle(widened, escape, &bytes);
+            const int needed = strUtf8Len(source.c_str(), 0, escape) + (escape ? 0 : 2);
+            for (int size = 1; size <= needed + 4; ++size) {
+                SCOPED_TRACE("round " + std::to_string(round) + " size " + std::to_string(size));
+                GuardedBytes in = GuardedBytes::String(source);
+                GuardedBytes out(static_cast<size_t>(size));
+                std::memset(out.data(), 'Z', static_cast<size_t>(size));
+                int count = -1;
+                const int result = _strToUtf8(out.data(), in.data(), size, 0, &count, escape ? 1 : 0);
+                ASSERT_GE(result, 0);
+                ASSERT_LT(result, size);
+                EXPECT_EQ(std::string(out.data(), static_cast<size_t>(result)), whole.substr(0, result));
+                EXPECT_EQ(out.data()[result], '\0');
+                EXPECT_EQ(std::string(out.data() + result + 1, static_cast<size_t>(size - result - 1)),
+                          std::string(static_cast<size_t>(size - result - 1), 'Z'));
+                if (size >= needed) {
+                    EXPECT_EQ(result, static_cast<int>(whole.size()));
+                    EXPECT_EQ(count, bytes);
+                }
+            }
+        }
+    }
+}
+
 TEST(Utf8RoundTrip, OneByteAndSixteenBitTextComeBack) {
     std::string latin1;
     for (int c = 1; c < 256; ++c) latin1 += static_cast<char>(c);

@@ -55,11 +55,14 @@ int InihHandler(void* user, const char* section, const char* name, const char* v
 #endif
 
 void Store::prepare() {
+    // The store is initialised once per process and may hold another row's file (the logger's): every row
+    // points it at this file again.
+    deinitializeConfig();
+    const int rc = initializeConfig(path.c_str());
+    if (rc != 1) mspb::Fail("initializeConfig gave " + std::to_string(rc));
     if (ready) return;
     ready = true;
     mspb::WriteFile(path, content);
-    const int rc = initializeConfig(path.c_str());
-    if (rc != 1) mspb::Fail("initializeConfig gave " + std::to_string(rc));
     if (getConfigInt(kSection, kKey, expected) != 1) mspb::Fail("getConfigInt failed");
 #ifdef MSPB_HAVE_GLIB
     {

@@ -9,6 +9,7 @@
 #include "bench.h"
 
 #if __has_include("msplatform/eventLogger.h")
+#include "msplatform/ZvCfgCtrlMgr.h"
 #include "msplatform/ZvEventLogger.h"
 #include "msplatform/eventLogger.h"
 #define MSPB_HAVE_LOGGER 1
@@ -48,6 +49,8 @@ void RegisterAll() {
                                      std::to_string(kFiles) + "\r\nlogFileSize=" + std::to_string(kFileSize) +
                                      "\r\nlogFilePath=\"" + logs + "\"\r\n\r\n");
             std::string path = cfg, section = "bench";
+            // The logger reads its settings from the store that is initialised, which may be another row's.
+            deinitializeConfig();
             if (initializeLogger(&path[0], &section[0]) != 1) mspb::Fail("initializeLogger failed");
         }
         for (auto _ : state) eventLogOut("%s", kMessage);

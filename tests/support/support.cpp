@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <ftw.h>
+#include <sys/mman.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -133,6 +135,59 @@ std::string CaptureFd::Finish() {
     ::close(saved_);
     saved_ = -1;
     return ReadFile(path_);
+}
+
+GuardedBytes::GuardedBytes(size_t size, unsigned char fill) : size_(size) {
+    const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    span_ = ((size + page - 1) / page + 1) * page;
+    void* map = ::mmap(nullptr, span_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (map == MAP_FAILED) std::abort();
+    base_ = static_cast<char*>(map);
+    if (::mprotect(base_ + span_ - page, page, PROT_NONE) != 0) std::abort();
+    std::memset(base_, fill, span_ - page);
+    data_ = base_ + span_ - page - size;
+}
+
+GuardedBytes GuardedBytes::String(const std::string& text) {
+    GuardedBytes bytes(text.size() + 1);
+    std::memcpy(bytes.data(), text.c_str(), text.size() + 1);
+    return bytes;
+}
+
+GuardedBytes::GuardedBytes(GuardedBytes&& other) noexcept
+    : span_(other.span_), size_(other.size_), base_(other.base_), data_(other.data_) {
+    other.base_ = nullptr;
+}
+
+GuardedBytes::~GuardedBytes() {
+    if (base_ != nullptr) ::munmap(base_, span_);
+}
+
+namespace {
+constexpr size_t kChunk = 1 << 20;
+constexpr size_t kSlack = 1 << 16;  // a multiple of any page size
+}  // namespace
+
+RepeatedText::RepeatedText(char byte, size_t megabytes) : size_(megabytes * kChunk + kSlack) {
+    const int fd = ::memfd_create("repeated", 0);
+    if (fd < 0) return;
+    const std::string chunk(kChunk, byte);
+    const bool filled = ::write(fd, chunk.data(), kChunk) == static_cast<ssize_t>(kChunk);
+    void* area = filled ? ::mmap(nullptr, size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) : MAP_FAILED;
+    if (area != MAP_FAILED) {
+        base_ = static_cast<char*>(area);
+        bool mapped = true;
+        for (size_t i = 0; i < megabytes && mapped; ++i)
+            mapped =
+                ::mmap(base_ + i * kChunk, kChunk, PROT_READ, MAP_SHARED | MAP_FIXED, fd, 0) != MAP_FAILED;
+        // The slack behind is fresh anonymous memory, all zeros: the terminator.
+        if (mapped && ::mprotect(base_ + megabytes * kChunk, kSlack, PROT_READ) == 0) text_ = base_;
+    }
+    ::close(fd);
+}
+
+RepeatedText::~RepeatedText() {
+    if (base_) ::munmap(base_, size_);
 }
 
 }  // namespace msptest

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -67,6 +68,44 @@ private:
     int fd_;
     int saved_ = -1;
     std::string path_;
+};
+
+// `size` bytes that end right before a page without access (filled with `fill`): a read or write one byte
+// beyond them faults, natively and under emulation, with or without the sanitizers.
+class GuardedBytes {
+public:
+    explicit GuardedBytes(size_t size, unsigned char fill = 0);
+    // A zero-terminated copy of `text` whose terminator is the last accessible byte.
+    static GuardedBytes String(const std::string& text);
+    GuardedBytes(GuardedBytes&& other) noexcept;
+    GuardedBytes(const GuardedBytes&) = delete;
+    GuardedBytes& operator=(const GuardedBytes&) = delete;
+    ~GuardedBytes();
+
+    char* data() { return data_; }
+    size_t size() const { return size_; }
+
+private:
+    size_t span_ = 0;
+    size_t size_ = 0;
+    char* base_ = nullptr;
+    char* data_ = nullptr;
+};
+
+// `megabytes` MiB of one byte, then the terminator, costing one MiB of memory (one MiB of a memory file
+// mapped again and again). text() is null if the system refuses.
+class RepeatedText {
+public:
+    RepeatedText(char byte, size_t megabytes);
+    ~RepeatedText();
+    RepeatedText(const RepeatedText&) = delete;
+    RepeatedText& operator=(const RepeatedText&) = delete;
+    const char* text() const { return text_; }
+
+private:
+    size_t size_;
+    char* base_ = nullptr;
+    const char* text_ = nullptr;
 };
 
 }  // namespace msptest

@@ -1,6 +1,5 @@
-// Bounded runs over random and mutated documents. Each text sits in a heap block of exactly its size, so the
-// address sanitizer stops any read past it; reads in front of a sub-range are caught by comparing with a
-// parse of the sub-range alone. The node list is also compared with the one the plain splitter cuts give.
+// Random and mutated documents in exactly sized heap blocks (the address sanitizer stops a read past them),
+// compared whole with what the exported splitters' cuts give; a sub-range with a parse of its copy alone.
 #include "msplatform/xmlParser.h"
 
 #include <string.h>
@@ -148,18 +147,6 @@ std::string MutatedDocument(std::mt19937& rng) {
     return text;
 }
 
-// Everything the parser gives must lie inside [low, high).
-void ExpectInside(const xml_node* first, const char* low, const char* high) {
-    for (const xml_node* n = first; n; n = n->next) {
-        ASSERT_GT(n->nameLength, 0);
-        EXPECT_TRUE(n->name >= low && n->name + n->nameLength <= high);
-        if (n->prefix) {
-            EXPECT_TRUE(n->prefix >= low && n->prefix + n->prefixLength <= high);
-        }
-        EXPECT_TRUE(n->position >= low && n->position <= high);
-    }
-}
-
 void Exercise(const std::string& text, std::mt19937& rng) {
     ExactBuffer buffer(text);
     char* const base = buffer.data();
@@ -167,7 +154,6 @@ void Exercise(const std::string& text, std::mt19937& rng) {
 
     xml_node* first = xml_ParseXML(base, 0, size);
     ASSERT_EQ(xmltest::Render(base, first), ReferenceParse(base, 0, size));
-    ExpectInside(first, base, base + size);
 
     const int result = xml_ProcessXMLNodeList(first);
     EXPECT_TRUE(result == 0 || result == -1 || result == -2 || result == -3) << result;
@@ -182,13 +168,6 @@ void Exercise(const std::string& text, std::mt19937& rng) {
         if (!memrchr(base, '<', static_cast<size_t>(n->position - base))) continue;
         xml_attribute* attributes = xml_GetXMLAttributes(n);
         EXPECT_EQ(xmltest::Render(base, attributes), ReferenceAttributes(base, n));
-        for (const xml_attribute* a = attributes; a; a = a->next) {
-            EXPECT_TRUE(a->name >= base && a->name + a->nameLength <= n->position);
-            EXPECT_TRUE(a->value >= base && a->value + a->valueLength <= n->position);
-            if (a->prefix) {
-                EXPECT_TRUE(a->prefix >= base && a->prefix + a->prefixLength <= n->position);
-            }
-        }
         xml_DestructXMLAttributeList(attributes);
     }
     xml_DestructXMLNodeList(first);

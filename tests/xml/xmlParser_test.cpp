@@ -22,17 +22,12 @@ TEST(XmlParseXML, WhatTheCutsMakeOfText) {
         {"", {}},
         {"   ", {}},
         {"<?xml version=\"1.0\"?>", {}},
-        {"<?pi?>", {}},
         {"<?xml version=\"1.0\"?>\n<a>", {"<a@23 #25"}},
-        {"<?pi?>text<a>", {"<a@11 #13"}},
         {"<a>", {"<a@1 #3"}},
         {"<a><b>", {"<a@1 #3", "<b@4 #6"}},
         {"</a>", {"</a@2 #1"}},
-        {"</a >", {"</a@2 #1"}},
         {"<a/>", {"<a@1 #4 empty", "</a@1 #4"}},
         {"<a />", {"<a@1 #5 empty", "</a@1 #5"}},
-        {"<a b=\"1\"/>", {"<a@1 #10 empty", "</a@1 #10"}},
-        {"<a/ >", {"<a@1 #5 empty", "</a@1 #5"}},
         {"<a/", {"<a@1 #1 empty", "</a@1 #1"}},
         {"<a/b>", {"<a@1 #5 empty", "</a@1 #5"}},
         {"</a/>", {"</a@2 #1 empty", "</a@2 #1"}},
@@ -41,46 +36,36 @@ TEST(XmlParseXML, WhatTheCutsMakeOfText) {
         {"</x:a>", {"</x@2:a@4 #1"}},
         {"<x:a:b>", {"<x@1:a@3 #7"}},
         {"<:a>", {"<@1:a@2 #4"}},
-        {"<x:a/>", {"<x@1:a@3 #6 empty", "</x@1:a@3 #6"}},
         {"<a/b:c>", {"<a/b@1:c@5 #7"}},
         {"<a:>", {}},
         {"<>", {}},
-        {"</>", {}},
         {"< a>", {}},
-        {"</ a>", {}},
         {"<<a>", {"<a@2 #4"}},
         {"<//a>", {"<//a@2 #1"}},
         {"<!-- a comment -->", {"<!--@1 #18"}},
         {"<!-- x<y -->", {"<!--@1 #1", "<y@7 #12"}},
-        {"<!DOCTYPE x>", {"<!DOCTYPE@1 #12"}},
-        {"<![CDATA[ text ]]>", {"<![CDATA[@1 #18"}},
         {"<![CDATA[ <b ]]>", {"<![CDATA[@1 #1", "<b@11 #16"}},
         {"<a>1 > 0</a>", {"<a@1 #6", "</a@10 #9"}},
         {"<a>1 < 2</a>", {"<a@1 #3", "</a@10 #9"}},
         {"<a>1 <2</a>", {"<a@1 #3", "<2@6 #6", "</a@9 #8"}},
         {"<a b=\"x>y\">t</a>", {"<a@1 #11", "</a@14 #13"}},
         {"<a b=\"x>y\"/>", {"<a@1 #12"}},
-        {"<a b=\"x/\">", {"<a@1 #10"}},
         {"<a b=\"1<2\">", {"<a@1 #1", "<2\"@8 #11"}},
         {"<a x:y=\"1\">", {"<a@1 #11"}},
-        {"<a\nb=\"1\">", {"<a@1 #9"}},
         {"<a\r\n b=\"1\">", {"<a@1 #11"}},
         {"<\na>", {"<\na@1 #4"}},
         {"<a\tb=\"1\" c>", {"<a\tb=\"1\"@1 #11"}},
         {"<a\tx:b>", {"<a\tx@1:b@5 #7"}},
         {"lead text<a>", {"<lead@0 #0", "<a@10 #12"}},
         {"abc", {"<abc@0 #0"}},
-        {"\n", {"<\n@0 #0"}},
         {"\xEF\xBB\xBF<a/>", {"<\xEF\xBB\xBF@0 #0", "<a@4 #7 empty", "</a@4 #7"}},
         {std::string("<a\0b>", 5), {std::string("<a\0b@1 #5", 9)}},
-        {std::string("\0", 1), {std::string("<\0@0 #0", 7)}},
         {"<r>\n  <a x=\"1\">t</a>\n</r>\n", {"<r@1 #3", "<a@7 #15", "</a@18 #17", "</r@23 #22"}},
     };
     for (const ParseCase& c : cases) {
         SCOPED_TRACE(c.text);
         Parsed parsed(c.text);
         EXPECT_EQ(parsed.nodes(), c.nodes);
-        EXPECT_EQ(parsed.first() == nullptr, c.nodes.empty());
     }
 }
 
@@ -133,7 +118,6 @@ TEST(XmlProcessXMLNodeList, ResultsAndLinks) {
         {"<a></b>", -2, {"<a@1 #3", "</b@5 #4"}},
         {"<a></A>", -2, {"<a@1 #3", "</A@5 #4"}},
         {"<x:a></y:a>", 0, {"<x@1:a@3 #5 close=1", "</y@7:a@9 #6 open=0"}},
-        {"<a></a></a>", -1, {"<a@1 #3 close=1", "</a@5 #4 open=0", "</a@9 #8"}},
         {"<a><b></c></a>", -3, {"<a@1 #3", "<b@4 #6 parent=0", "</c@8 #7", "</a@12 #11"}},
         {"<a><b></a></b>", -3, {"<a@1 #3", "<b@4 #6 parent=0", "</a@8 #7", "</b@12 #11"}},
         {"<!-- c --><a/>", -3, {"<!--@1 #10", "<a@11 #14 empty parent=0 close=2", "</a@11 #14 open=1"}},
@@ -199,7 +183,6 @@ TEST(XmlReadInnerXML, FindsTheRawTextBetweenTheTags) {
         {"<a><b>x</b></a>", 0, 8, 3, "<b>x</b>"},
         {"<a><b>x</b></a>", 1, 1, 6, "x"},
         {"<a><a>x</a>y</a>", 0, 9, 3, "<a>x</a>y"},
-        {"<a><b/>&amp;</a>", 0, 9, 3, "<b/>&amp;"},
         {"<a>1 > 0</a>", 0, 2, 6, " 0"},
         {"<a>1 < 2</a>", 0, 5, 3, "1 < 2"},
         {"<a b=\"x>y\">t</a>", 0, 1, 11, "t"},
@@ -210,13 +193,11 @@ TEST(XmlReadInnerXML, FindsTheRawTextBetweenTheTags) {
         {"<a><b></c></a>", 0, 7, 3, "<b></c>"},
         {"<a><a></a>", 0, 0, -1, ""},
         {"<a><a></a>", 1, 0, 6, ""},
-        {"<a></A>", 0, 0, -1, ""},
         {"<a>", 0, 0, -1, ""},
         // A closing node has nothing inside.
         {"<a>x</a>", 1, 0, -1, ""},
         // No ">" in the start tag: its position is its first byte.
         {"<a</a>", 0, 1, 1, "a"},
-        {"<a x</a>", 0, 3, 1, "a x"},
     };
     for (const InnerCase& c : cases) {
         SCOPED_TRACE(c.text + " node " + std::to_string(c.node));

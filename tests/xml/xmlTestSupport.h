@@ -2,6 +2,7 @@
 // sanitizer sees any read past them) and whole results turned into plain values that compare at once.
 #pragma once
 
+#include <limits.h>
 #include <string.h>
 
 #include <memory>
@@ -157,16 +158,25 @@ private:
     xml_node* first_;
 };
 
-// Lets the parser's next `granted` allocations succeed and fails all later ones, for the scope.
+// Counts the parser's allocations for the scope; all after the first `granted` fail.
 class FailAllocationsAfter {
 public:
-    explicit FailAllocationsAfter(int granted) : saved_(xmlparser::allocate) {
+    explicit FailAllocationsAfter(int granted = INT_MAX) : saved_(xmlparser::allocate) {
         remaining() = granted;
-        xmlparser::allocate = [](size_t size) -> void* { return remaining()-- > 0 ? malloc(size) : nullptr; };
+        made() = 0;
+        xmlparser::allocate = [](size_t size) -> void* {
+            ++made();
+            return remaining()-- > 0 ? malloc(size) : nullptr;
+        };
     }
     ~FailAllocationsAfter() { xmlparser::allocate = saved_; }
     FailAllocationsAfter(const FailAllocationsAfter&) = delete;
     FailAllocationsAfter& operator=(const FailAllocationsAfter&) = delete;
+
+    static int& made() {
+        static int n = 0;
+        return n;
+    }
 
 private:
     static int& remaining() {
@@ -175,29 +185,6 @@ private:
     }
     void* (*saved_)(size_t);
 };
-
-// Counts the parser's allocations for the scope.
-class CountAllocations {
-public:
-    CountAllocations() : saved_(xmlparser::allocate) {
-        count() = 0;
-        xmlparser::allocate = [](size_t size) -> void* {
-            ++count();
-            return malloc(size);
-        };
-    }
-    ~CountAllocations() { xmlparser::allocate = saved_; }
-    CountAllocations(const CountAllocations&) = delete;
-    CountAllocations& operator=(const CountAllocations&) = delete;
-
-    int made() const { return count(); }
-
-private:
-    static int& count() {
-        static int n = 0;
-        return n;
-    }
-    void* (*saved_)(size_t);
-};
+using CountAllocations = FailAllocationsAfter;
 
 }  // namespace xmltest

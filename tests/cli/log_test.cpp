@@ -17,7 +17,7 @@ using msptest::MsplatResult;
 std::vector<std::string> LogFiles(const std::string& dir) {
     std::vector<std::string> names;
     if (DIR* stream = opendir(dir.c_str())) {
-        while (dirent* entry = readdir(stream))
+        while (dirent64* entry = readdir64(stream))
             if (std::string(entry->d_name).rfind("serverLog.", 0) == 0) names.push_back(entry->d_name);
         closedir(stream);
     }

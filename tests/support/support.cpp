@@ -189,25 +189,26 @@ RepeatedText::RepeatedText(char byte, size_t megabytes) : size_(megabytes * kChu
 
 RepeatedText::~RepeatedText() {
     if (base_) ::munmap(base_, size_);
+}
 
-    Pipe::Pipe() {
-        if (::pipe(fd_) != 0) throw std::runtime_error("pipe failed");
-    }
+Pipe::Pipe() {
+    if (::pipe(fd_) != 0) throw std::runtime_error("pipe failed");
+}
 
-    Pipe::~Pipe() {
-        ::close(fd_[0]);
-        ::close(fd_[1]);
-    }
+Pipe::~Pipe() {
+    ::close(fd_[0]);
+    ::close(fd_[1]);
+}
 
-    void Pipe::Send() {
-        if (::write(fd_[1], "x", 1) != 1) std::abort();
-    }
+void Pipe::Send() {
+    if (::write(fd_[1], "x", 1) != 1) std::abort();
+}
 
-    bool Pipe::Wait(int timeoutMs) {
-        struct pollfd p = {fd_[0], POLLIN, 0};
-        if (::poll(&p, 1, timeoutMs) != 1) return false;
-        char c;
-        return ::read(fd_[0], &c, 1) == 1;
-    }
+bool Pipe::Wait(int timeoutMs) {
+    struct pollfd p = {fd_[0], POLLIN, 0};
+    if (::poll(&p, 1, timeoutMs) != 1) return false;
+    char c;
+    return ::read(fd_[0], &c, 1) == 1;
+}
 
 }  // namespace msptest

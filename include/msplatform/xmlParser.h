@@ -6,9 +6,9 @@
 // and
 // ":", and whatever falls out is a tag.
 //
-// Ownership: every list handed out (parser_result, xml_node, xml_attribute) is allocated with malloc by the
-// function that makes it and is the caller's to release with the matching xml_Destruct* function. None of
-// those releases touches the text buffer.
+// Ownership: every list handed out (parser_result, xml_node, xml_attribute) is allocated by the function that
+// makes it and is the caller's to release with the matching xml_Destruct* function, never with free: nodes
+// share their allocations. None of those releases touches the text buffer.
 #pragma once
 
 #include "msplatform/export.h"

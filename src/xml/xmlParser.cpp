@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "xml/internal.h"
 
 namespace {
@@ -20,23 +22,79 @@ const char* findLastByte(const char* from, long long length, char byte) {
     return static_cast<const char*>(::memrchr(from, byte, static_cast<size_t>(length)));
 }
 
-xml_node* newNode(char* name, int nameLength, char* prefix, int prefixLength, bool isStart, char* position) {
-    xml_node* node = static_cast<xml_node*>(xmlparser::allocate(sizeof(xml_node)));
-    if (!node) return nullptr;
-    node->name = name;
-    node->nameLength = nameLength;
-    node->prefix = prefix;
-    node->prefixLength = prefixLength;
-    node->isStart = isStart ? ~0 : 0;
-    node->isEmpty = 0;
-    node->position = position;
-    node->next = nullptr;
-    node->parent = nullptr;
-    node->peer = nullptr;
-    node->closingTag = nullptr;
-    node->startingTag = nullptr;
-    return node;
+// Nodes are handed out from blocks, a few hundred at most to a block, so that a parse makes one allocation
+// per block instead of one per node. Each node's slot names its block and the block counts the nodes still
+// out: nodes can still be released one by one along next, from any node on, and a block goes with its last
+// node.
+struct NodeBlock {
+    size_t live;  // nodes of this block not yet released
+};
+
+struct NodeSlot {
+    NodeBlock* block;
+    xml_node node;
+};
+
+static_assert(sizeof(NodeBlock) % alignof(NodeSlot) == 0, "slots follow the block header unpadded");
+
+NodeSlot* slotOf(xml_node* node) {
+    return reinterpret_cast<NodeSlot*>(reinterpret_cast<char*>(node) - offsetof(NodeSlot, node));
 }
+
+void releaseNode(xml_node* node) {
+    NodeBlock* block = slotOf(node)->block;
+    if (--block->live == 0) ::free(block);
+}
+
+class NodeAllocator {
+public:
+    // Sized from the text, so that a small document takes one block: a tag and its text rarely take fewer
+    // than 16 bytes. Longer ones double up to the largest block.
+    explicit NodeAllocator(long long textLength)
+        : blockNodes_(static_cast<size_t>(
+              std::clamp<long long>(textLength / 16, kSmallestBlockNodes, kLargestBlockNodes))) {}
+
+    xml_node* make(char* name, int nameLength, char* prefix, int prefixLength, bool isStart, char* position) {
+        if (free_ == end_ && !grow()) return nullptr;
+        NodeSlot* slot = free_++;
+        slot->block = block_;
+        ++block_->live;
+        xml_node* node = &slot->node;
+        node->name = name;
+        node->nameLength = nameLength;
+        node->prefix = prefix;
+        node->prefixLength = prefixLength;
+        node->isStart = isStart ? ~0 : 0;
+        node->isEmpty = 0;
+        node->position = position;
+        node->next = nullptr;
+        node->parent = nullptr;
+        node->peer = nullptr;
+        node->closingTag = nullptr;
+        node->startingTag = nullptr;
+        return node;
+    }
+
+private:
+    static constexpr long long kSmallestBlockNodes = 16;
+    static constexpr long long kLargestBlockNodes = 512;
+
+    bool grow() {
+        void* memory = xmlparser::allocate(sizeof(NodeBlock) + blockNodes_ * sizeof(NodeSlot));
+        if (!memory) return false;
+        block_ = static_cast<NodeBlock*>(memory);
+        block_->live = 0;
+        free_ = reinterpret_cast<NodeSlot*>(block_ + 1);
+        end_ = free_ + blockNodes_;
+        blockNodes_ = std::min<size_t>(blockNodes_ * 2, kLargestBlockNodes);
+        return true;
+    }
+
+    NodeBlock* block_ = nullptr;
+    NodeSlot* free_ = nullptr;
+    NodeSlot* end_ = nullptr;
+    size_t blockNodes_;
+};
 
 // What a byte means to the scan of a tag's first word.
 enum ByteKind : unsigned char { kPlain, kWordEnd, kColon, kNameEnd };
@@ -58,7 +116,14 @@ constexpr ByteKinds makeByteKinds() {
 
 constexpr ByteKinds kByteKinds = makeByteKinds();
 
+unsigned char kindOf(char byte) {
+    return kByteKinds.kind[static_cast<unsigned char>(byte)];
+}
+
 struct NodeList {
+    explicit NodeList(long long textLength) : nodes(textLength) {}
+
+    NodeAllocator nodes;
     xml_node* first = nullptr;
     xml_node* last = nullptr;
 
@@ -90,7 +155,7 @@ bool addCandidate(NodeList& list, char* candidate, long long length) {
     char* cut = nullptr;       // first name end in a name without prefix
     char* cutAfter = nullptr;  // first name end behind the first colon
     for (; wordEnd < tagEnd; ++wordEnd) {
-        const unsigned char kind = kByteKinds.kind[static_cast<unsigned char>(*wordEnd)];
+        const unsigned char kind = kindOf(*wordEnd);
         if (kind == kPlain) continue;
         if (kind == kWordEnd) break;
         if (kind == kColon) {
@@ -133,15 +198,15 @@ bool addCandidate(NodeList& list, char* candidate, long long length) {
     const long long nameLength = nameEnd - name;
     if (nameLength == 0) return true;
 
-    xml_node* node = newNode(name, static_cast<int>(nameLength), prefix, static_cast<int>(prefixLength),
-                             !closing, position);
+    xml_node* node = list.nodes.make(name, static_cast<int>(nameLength), prefix,
+                                     static_cast<int>(prefixLength), !closing, position);
     if (!node) return false;
     list.append(node);
     if (empty) {
         node->isEmpty = ~0;
         // Stands for the closing tag that the text does not have.
-        xml_node* closer = newNode(name, static_cast<int>(nameLength), prefix, static_cast<int>(prefixLength),
-                                   false, position);
+        xml_node* closer = list.nodes.make(name, static_cast<int>(nameLength), prefix,
+                                           static_cast<int>(prefixLength), false, position);
         if (!closer) return false;
         list.append(closer);
     }
@@ -188,7 +253,7 @@ struct StackEntry {
 
 xml_node* xml_ParseXML(char* text, int start, int end) {
     if (!text) return nullptr;
-    NodeList list;
+    NodeList list(static_cast<long long>(end) - start);
     // The candidates are the pieces of the cut at "<", taken one by one as memchr finds them.
     char* candidate = text + start;
     char* const rangeEnd = text + end;
@@ -262,7 +327,7 @@ int xml_ReadInnerXML(xml_node* node, char** innerText) {
 void xml_DestructXMLNodeList(xml_node* first) {
     while (first) {
         xml_node* next = first->next;
-        ::free(first);
+        releaseNode(first);
         first = next;
     }
 }

@@ -85,18 +85,50 @@ TEST(XmlParseXML, RangeBoundsTheWork) {
     EXPECT_EQ(xml_ParseXML(nullptr, 0, 10), nullptr);
 }
 
+// Enough empty tags that the nodes take several allocations.
+std::string ManyEmptyTags() {
+    std::string text;
+    for (int i = 0; i < 500; ++i) text += "<e/>";
+    return text;
+}
+
 TEST(XmlParseXML, FailedAllocationGivesNoList) {
-    const std::string text = "<a><b/></a>";
-    for (int granted = 0; granted < 4; ++granted) {
+    const std::string text = ManyEmptyTags();
+    int needed;
+    {
+        xmltest::ExactBuffer buffer(text);
+        xmltest::FailAllocationsAfter counting;
+        xml_node* first = xml_ParseXML(buffer.data(), 0, buffer.size());
+        needed = xmltest::FailAllocationsAfter::made();
+        EXPECT_EQ(xmltest::Render(buffer.data(), first).size(), 1000u);
+        xml_DestructXMLNodeList(first);
+    }
+    ASSERT_GT(needed, 1);
+    for (int granted = 0; granted < needed; ++granted) {
         SCOPED_TRACE(granted);
         xmltest::ExactBuffer buffer(text);
         xmltest::FailAllocationsAfter failing(granted);
         EXPECT_EQ(xml_ParseXML(buffer.data(), 0, buffer.size()), nullptr);
     }
+}
+
+// Nodes share allocations, yet any tail of a list, or lists joined, can still be released on their own.
+TEST(XmlDestructXMLNodeList, ReleasesAnyTailAndJoinedLists) {
+    const std::string text = ManyEmptyTags();
     xmltest::ExactBuffer buffer(text);
-    xmltest::FailAllocationsAfter failing(4);
     xml_node* first = xml_ParseXML(buffer.data(), 0, buffer.size());
-    EXPECT_EQ(xmltest::Render(buffer.data(), first).size(), 4u);
+    const Nodes whole = xmltest::Render(buffer.data(), first);
+    xml_node* cut = first;
+    for (int i = 0; i < 700; ++i) cut = cut->next;
+    xml_node* tail = cut->next;
+    cut->next = nullptr;
+    xml_DestructXMLNodeList(tail);
+    EXPECT_EQ(xmltest::Render(buffer.data(), first), Nodes(whole.begin(), whole.begin() + 701));
+
+    xmltest::ExactBuffer other(text);
+    cut->next = xml_ParseXML(other.data(), 0, other.size());
+    xml_DestructXMLNodeList(first->next);
+    first->next = nullptr;
     xml_DestructXMLNodeList(first);
 }
 

@@ -40,6 +40,43 @@ constexpr size_t kNameFieldBytes = 64;  // room for the date and time fields of 
 constexpr int kNameAttempts = 50;       // names tried by one createnewlogfile
 constexpr int kNameRetryMicroseconds = 1000;
 
+constexpr char kSeparator[] = "\t : ";
+constexpr size_t kSeparatorBytes = sizeof kSeparator - 1;
+constexpr size_t kSmallLineBytes = kStampBytes + kSeparatorBytes + kMessageBytes + 1;
+
+char* TwoDigits(char* out, int value) {
+    out[0] = static_cast<char>('0' + value / 10);
+    out[1] = static_cast<char>('0' + value % 10);
+    return out + 2;
+}
+
+// The stamp "MM-DD-YYYY : HH:MM:SS.mmm" written digit by digit, as printf writes it for fields in their
+// usual ranges (printf costs over a thousand instructions a line). -1 for any field outside them, which the
+// caller then hands to snprintf.
+int WriteStamp(char* out, const struct tm& parts, int milliseconds) {
+    const int year = parts.tm_year + 1900;
+    if (parts.tm_mon < 0 || parts.tm_mon > 98 || parts.tm_mday < 0 || parts.tm_mday > 99 || year < 0 ||
+        year > 9999 || parts.tm_hour < 0 || parts.tm_hour > 99 || parts.tm_min < 0 || parts.tm_min > 99 ||
+        parts.tm_sec < 0 || parts.tm_sec > 99 || milliseconds < 0 || milliseconds > 999)
+        return -1;
+    char* p = TwoDigits(out, parts.tm_mon + 1);
+    *p++ = '-';
+    p = TwoDigits(p, parts.tm_mday);
+    *p++ = '-';
+    p = TwoDigits(TwoDigits(p, year / 100), year % 100);
+    memcpy(p, " : ", 3);
+    p = TwoDigits(p + 3, parts.tm_hour);
+    *p++ = ':';
+    p = TwoDigits(p, parts.tm_min);
+    *p++ = ':';
+    p = TwoDigits(p, parts.tm_sec);
+    *p++ = '.';
+    *p++ = static_cast<char>('0' + milliseconds / 100);
+    p = TwoDigits(p, milliseconds % 100);
+    *p = '\0';
+    return static_cast<int>(p - out);
+}
+
 class LockHold {
 public:
     explicit LockHold(Mutex* mutex) : mutex_(mutex) {
@@ -195,8 +232,10 @@ int ZvEventLogger::currentdatetime(char* buffer) {
     struct tm parts;
     if (!localtime_r(&now, &parts)) return 0;
     int milliseconds = eventLoggerMilliseconds();
+    int length = WriteStamp(buffer, parts, milliseconds);
+    if (length >= 0) return length;
     // Bounded by the 26 bytes the caller provides: a year past 9999 is cut, not written beyond.
-    int length =
+    length =
         snprintf(buffer, kStampBytes, "%02d-%02d-%04d : %02d:%02d:%02d.%03d", parts.tm_mon + 1, parts.tm_mday,
                  parts.tm_year + 1900, parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds);
     if (length < 0) {
@@ -214,24 +253,29 @@ void ZvEventLogger::logEvent(char* message, int length) {
     if (length < 0) length = 0;
     char stamp[50];
     memset(stamp, 0, sizeof stamp);
-    int stampLength = currentdatetime(stamp);
-    size_t capacity = static_cast<size_t>(length) + static_cast<size_t>(stampLength) + 10;
-    char* line = static_cast<char*>(eventLoggerAlloc(capacity));
+    const size_t stampLength = static_cast<size_t>(currentdatetime(stamp));
+    // The line is the stamp, the separator, the message up to its length or its first zero byte, a line end.
+    const size_t messageLength = strnlen(message, static_cast<size_t>(length));
+    const size_t lineLength = stampLength + kSeparatorBytes + messageLength + 1;
+    // Lines from eventLoggerDoOut always fit the stack; only a long one handed to logEvent takes the heap.
+    char small[kSmallLineBytes];
+    char* line = lineLength <= sizeof small ? small : static_cast<char*>(eventLoggerAlloc(lineLength));
     if (!line) return;
-    // The precision keeps the copy within the stated length even if the message runs on past it.
-    int lineLength = snprintf(line, capacity, "%s\t : %.*s\n", stamp, length, message);
-    if (lineLength > 0) {
-        // The file is open for appending, so every write lands at its end without a seek (which cost an
-        // fstat and an lseek per line).
-        fputs(line, logFile);
-        fflush(logFile);
-        currentFileBytes = currentFileBytes > INT_MAX - lineLength ? INT_MAX : currentFileBytes + lineLength;
-        if (currentFileBytes >= logFileSize) {
-            handlelogfiles();
-            currentFileBytes = 0;
-        }
+    memcpy(line, stamp, stampLength);
+    memcpy(line + stampLength, kSeparator, kSeparatorBytes);
+    memcpy(line + stampLength + kSeparatorBytes, message, messageLength);
+    line[lineLength - 1] = '\n';
+    // The file is open for appending, so every write lands at its end without a seek (which cost an fstat and
+    // an lseek per line).
+    fwrite(line, 1, lineLength, logFile);
+    fflush(logFile);
+    if (line != small) free(line);
+    const int written = lineLength > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(lineLength);
+    currentFileBytes = currentFileBytes > INT_MAX - written ? INT_MAX : currentFileBytes + written;
+    if (currentFileBytes >= logFileSize) {
+        handlelogfiles();
+        currentFileBytes = 0;
     }
-    free(line);
 }
 
 fileInfo* ZvEventLogger::createnewlogfile() {

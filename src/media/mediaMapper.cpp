@@ -1,5 +1,6 @@
 #include "msplatform/mediaMapper.h"
 
+#include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -295,6 +296,10 @@ MediaFormatInfo* MediaMapper::getFormatInfoByExtension(char* extension) {
     // Too long for any format; and "." alone names none, since an empty token never counts.
     if (wantedLength == 0 || wantedLength > kMaxExtension) return nullptr;
 
+    // Most tokens have another first letter: folded as the comparison folds it (by the locale, like
+    // strncasecmp), it turns them away without a call.
+    const int wantedFirst = tolower(static_cast<unsigned char>(wanted[0]));
+
     MapperLock hold(*this);
     for (MediaFormatInfo* format = formatList; format != nullptr; format = format->next) {
         const char* list = format->extensions;
@@ -303,9 +308,12 @@ MediaFormatInfo* MediaMapper::getFormatInfoByExtension(char* extension) {
         // 1023 bytes count: one cut by that limit must not match a shorter extension.
         size_t start = 0;
         for (size_t i = 0;; ++i) {
-            char c = list[i];
-            if (c == ',' || c == '\0') {
-                if (TokenEquals(list + start, i - start, wanted, wantedLength)) return format;
+            const unsigned char c = static_cast<unsigned char>(list[i]);
+            if (c <= ',' && (c == ',' || c == '\0')) {  // letters and digits pass one test
+                if (i - start == wantedLength &&
+                    tolower(static_cast<unsigned char>(list[start])) == wantedFirst &&
+                    StrnCaseCmp(list + start, wanted, wantedLength) == 0)
+                    return format;
                 if (c == '\0') break;
                 start = i + 1;
             }

@@ -107,6 +107,7 @@ constexpr ByteKinds makeByteKinds() {
     ByteKinds table{};
     table.kind[static_cast<unsigned char>(' ')] = kWordEnd;
     table.kind[static_cast<unsigned char>('>')] = kWordEnd;
+    table.kind[static_cast<unsigned char>('<')] = kWordEnd;  // only ever met behind a candidate
     table.kind[static_cast<unsigned char>(':')] = kColon;
     table.kind[static_cast<unsigned char>('/')] = kNameEnd;
     table.kind[static_cast<unsigned char>('\r')] = kNameEnd;
@@ -139,8 +140,8 @@ struct NodeList {
 // Turns one candidate, the bytes behind a "<" up to the next "<", into no node, one node, or the two nodes of
 // an empty tag. Of the cuts at ">", " " and ":" only the first pieces matter (and, for a start node's
 // position, the last ">"), so they are found by one short scan of the first word and two searches for ">".
-// False when a node could not be allocated.
-bool addCandidate(NodeList& list, char* candidate, long long length) {
+// `endsAtLt`: a "<" stands at candidate[length]. False when a node could not be allocated.
+bool addCandidate(NodeList& list, char* candidate, long long length, bool endsAtLt) {
     if (length < 1 || candidate[0] == '?') return true;
     const bool closing = candidate[0] == '/';
     char* const tag = closing ? candidate + 1 : candidate;
@@ -154,9 +155,15 @@ bool addCandidate(NodeList& list, char* candidate, long long length) {
     char* secondColon = nullptr;
     char* cut = nullptr;       // first name end in a name without prefix
     char* cutAfter = nullptr;  // first name end behind the first colon
-    for (; wordEnd < tagEnd; ++wordEnd) {
+    for (;; ++wordEnd) {
+        // Plain bytes are passed without a bound test where the "<" behind the candidate stops the scan.
+        if (endsAtLt) {
+            while (kindOf(*wordEnd) == kPlain) ++wordEnd;
+        } else {
+            while (wordEnd < tagEnd && kindOf(*wordEnd) == kPlain) ++wordEnd;
+        }
+        if (wordEnd == tagEnd) break;
         const unsigned char kind = kindOf(*wordEnd);
-        if (kind == kPlain) continue;
         if (kind == kWordEnd) break;
         if (kind == kColon) {
             if (!colon)
@@ -261,7 +268,7 @@ xml_node* xml_ParseXML(char* text, int start, int end) {
         char* lt = candidate < rangeEnd ? const_cast<char*>(findByte(candidate, rangeEnd - candidate, '<'))
                                         : nullptr;
         const long long length = lt ? lt - candidate : (candidate < rangeEnd ? rangeEnd - candidate : 0);
-        if (!addCandidate(list, candidate, length)) {
+        if (!addCandidate(list, candidate, length, lt != nullptr)) {
             // A list with nodes missing would read as another document: give none.
             xml_DestructXMLNodeList(list.first);
             return nullptr;

@@ -227,11 +227,8 @@ TEST(Cpyfilebuf, FailuresGiveNullAndLeaveTheCount) {
     if (!sparseMade) GTEST_SKIP() << "the temporary file system can't hold a sparse 2 GiB file";
 }
 
-struct Down {
-    int ansiResult = 0, wideResult = 0;
-    std::string ansi;  // the units written, without the terminator
-    std::u16string wide;
-};
+// The units a down-conversion writes, without the terminator, in one-byte and 16-bit text.
+using Down = std::pair<std::string, std::u16string>;
 
 // Both outputs without a limit, the table's way over the source with zeros behind it: a sequence that takes
 // the terminator's place ends the conversion after its output.
@@ -244,11 +241,11 @@ Down DownOracle(const std::string& source) {
         const unsigned b2 = b1 != 0 ? static_cast<unsigned char>(padded[i + 2]) : 0;
         const size_t take = b < 0x80 ? 1 : b < 0xE0 ? 2 : b < 0xF0 ? 3 : 4;
         if (take == 1 || (take == 2 && (b & 0x1C) == 0))
-            out.ansi += static_cast<char>(take == 1 ? b : ((b & 0x03) << 6) | (b1 & 0x3F));
-        if (take == 1) out.wide += static_cast<char16_t>(b);
-        if (take == 2) out.wide += static_cast<char16_t>(((b & 0x1F) << 6) | (b1 & 0x3F));
+            out.first += static_cast<char>(take == 1 ? b : ((b & 0x03) << 6) | (b1 & 0x3F));
+        if (take == 1) out.second += static_cast<char16_t>(b);
+        if (take == 2) out.second += static_cast<char16_t>(((b & 0x1F) << 6) | (b1 & 0x3F));
         if (take == 3)
-            out.wide += static_cast<char16_t>(((b & 0x0F) << 12) | ((b1 & 0x3F) << 6) | (b2 & 0x3F));
+            out.second += static_cast<char16_t>(((b & 0x0F) << 12) | ((b1 & 0x3F) << 6) | (b2 & 0x3F));
         const size_t end = i + take;
         while (i < end && padded[i] != '\0') ++i;
         if (i < end) break;
@@ -261,14 +258,14 @@ Down DownOracle(const std::string& source) {
 Down Convert(const std::string& source, int size) {
     GuardedBytes in = GuardedBytes::String(source), ansi(std::max(size, 0)), wide(std::max(size, 0) * 2);
     const unsigned short* units = reinterpret_cast<const unsigned short*>(wide.data());
-    Down r;
-    r.ansiResult = Utf8ToAnsi(ansi.data(), in.data(), size);
-    r.wideResult = Utf8ToWide(reinterpret_cast<unsigned short*>(wide.data()), in.data(), size);
-    if (size < 1) return r;
-    EXPECT_EQ(ansi.data()[r.ansiResult] | units[r.wideResult], 0) << "terminators";
-    r.ansi.assign(ansi.data(), static_cast<size_t>(r.ansiResult));
-    r.wide.assign(units, units + r.wideResult);
-    return r;
+    const int ansiResult = Utf8ToAnsi(ansi.data(), in.data(), size);
+    const int wideResult = Utf8ToWide(reinterpret_cast<unsigned short*>(wide.data()), in.data(), size);
+    if (size < 1 || ansiResult < 0 || ansiResult >= size || wideResult < 0 || wideResult >= size) {
+        EXPECT_EQ(ansiResult | wideResult, 0) << "size " << size;
+        return {};
+    }
+    EXPECT_EQ(ansi.data()[ansiResult] | units[wideResult], 0) << "terminators";
+    return {std::string(ansi.data(), ansiResult), std::u16string(units, units + wideResult)};
 }
 
 // Continuation bytes are two-byte leads whose pair is taken unseen; 0xF8 to 0xFF are passed over as four
@@ -298,10 +295,7 @@ TEST(Utf8Down, TheLeadByteDecidesAndNothingIsReadBehindTheTerminator) {
         {"abc", -4, "", u""},
     };
     for (const auto& c : cases) {
-        const Down r = Convert(c.source, c.size);
-        EXPECT_EQ(std::make_pair(r.ansiResult, r.ansi), std::make_pair(int(c.ansi.size()), c.ansi))
-            << testing::PrintToString(c.source) << " size " << c.size;
-        EXPECT_EQ(std::make_pair(r.wideResult, r.wide), std::make_pair(int(c.wide.size()), c.wide))
+        EXPECT_EQ(Convert(c.source, c.size), Down(c.ansi, c.wide))
             << testing::PrintToString(c.source) << " size " << c.size;
     }
 }
@@ -315,10 +309,9 @@ TEST(Utf8Down, RandomBytesFollowTheTable) {
         for (char& c : source)
             c = static_cast<char>(random() % 4 == 0 ? 1 + random() % 127 : 128 + random() % 128);
         const int size = 1 + static_cast<int>(random() % 20);
-        const Down r = Convert(source, size), expected = DownOracle(source);
-        ASSERT_EQ(r.ansi, expected.ansi.substr(0, size - 1))
-            << testing::PrintToString(source) << " size " << size;
-        ASSERT_EQ(r.wide, expected.wide.substr(0, size - 1))
+        const Down expected = DownOracle(source);
+        ASSERT_EQ(Convert(source, size),
+                  Down(expected.first.substr(0, size - 1), expected.second.substr(0, size - 1)))
             << testing::PrintToString(source) << " size " << size;
     }
 }
@@ -331,28 +324,24 @@ std::string Units(const std::u16string& units) {
     return bytes + '\0';
 }
 
-struct Up {
-    int result, count;
-    std::string text;  // the destination up to the result
-};
+// What an up-conversion writes, without the terminator, and the count it stores.
+using Up = std::pair<std::string, int>;
 
 // _strToUtf8 into a destination of exactly `size` bytes that ends at an inaccessible page; the source is one
 // of 16-bit units if `wide`, else of their low bytes.
 Up ToUtf8(const std::u16string& source, int size, bool wide, bool escape) {
     const std::string bytes = wide ? Units(source) : std::string(source.begin(), source.end());
     GuardedBytes in = GuardedBytes::String(bytes), out(std::max(size, 0), 'Z');
-    Up up{0, -99, ""};
-    up.result = _strToUtf8(out.data(), in.data(), size, wide, &up.count, escape);
-    if (size < 1) return up;
-    if (up.result < 0 || up.result >= size) {
-        ADD_FAILURE() << "result " << up.result << " for size " << size;
-        return up;
+    int count = -99;
+    const int result = _strToUtf8(out.data(), in.data(), size, wide, &count, escape);
+    if (size < 1 || result < 0 || result >= size) {
+        EXPECT_EQ(result, 0) << "size " << size;
+        return {"", count};
     }
-    up.text.assign(out.data(), static_cast<size_t>(up.result));
     // The terminator, and behind it the bytes left alone.
-    EXPECT_EQ(std::string(out.data() + up.result, size - up.result),
-              Bytes("") + std::string(size - up.result - 1, 'Z'));
-    return up;
+    EXPECT_EQ(std::string(out.data() + result, size - result),
+              Bytes("") + std::string(size - result - 1, 'Z'));
+    return {std::string(out.data(), result), count};
 }
 
 // At the sizes around each stop: the closing step gives the last written byte back to the terminator, so
@@ -389,10 +378,7 @@ TEST(Utf8Up, ConversionAndTheByteTheClosingStepCosts) {
         for (bool wide : {true, false}) {
             if (!wide && std::any_of(c.source.begin(), c.source.end(), [](char16_t u) { return u > 0xFF; }))
                 continue;
-            const Up up = ToUtf8(c.source, c.size, wide, c.escape);
-            EXPECT_EQ(up.text, c.text) << wide;
-            EXPECT_EQ(up.result, static_cast<int>(c.text.size())) << wide;
-            EXPECT_EQ(up.count, c.count) << wide;
+            EXPECT_EQ(ToUtf8(c.source, c.size, wide, c.escape), Up(c.text, c.count)) << wide;
         }
     }
     // The two wrappers pass the escape flag on.
@@ -457,12 +443,12 @@ TEST(Utf8Up, EverySizeGivesAPrefixOfTheWholeFormAndNeverWritesAtOrPastIt) {
             for (int size = 1; size <= needed + 4; ++size) {
                 SCOPED_TRACE(testing::PrintToString(Units(source)) + " size " + std::to_string(size));
                 const Up up = ToUtf8(source, size, wide, escape);  // a write at or past `size` faults
-                EXPECT_EQ(up.text, whole.substr(0, up.text.size()));
-                EXPECT_LE(up.result, std::max(0, size - 2));
-                EXPECT_GE(up.result, previous);
-                previous = up.result;
+                const int length = static_cast<int>(up.first.size());
+                EXPECT_EQ(up.first, whole.substr(0, length));
+                EXPECT_TRUE(length <= std::max(0, size - 2) && length >= previous) << length;
+                previous = length;
                 if (size >= needed) {
-                    EXPECT_EQ(std::make_pair(up.text, up.count), std::make_pair(whole, bytes));
+                    EXPECT_EQ(up, Up(whole, bytes));
                 }
             }
         }

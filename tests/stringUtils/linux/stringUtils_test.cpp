@@ -408,10 +408,10 @@ TEST(Utf8Up, EverySizeGivesAPrefixOfTheWholeFormAndNeverWritesAtOrPastIt) {
     std::vector<std::u16string> sources = {u"AZaz09./:_?-@;=+$*~", u"a b\t\u007F",
                                            u"\u20ACx\u00E9y\uFFFF\u4100", u"/\u0800?\u07FF\u0080", u""};
     std::mt19937 random(11);
-    for (int round = 0; round < 9; ++round) {
-        std::u16string source(round < 3 ? 1 + random() % 12 : 40 + random() % 60, ' ');
+    for (int round = 0; round < 46; ++round) {
+        std::u16string source(round < 40 ? 1 + random() % 12 : 40 + random() % 60, ' ');
         for (char16_t& c : source) {
-            c = static_cast<char16_t>(round < 3           ? 1 + random() % 0xFFFF
+            c = static_cast<char16_t>(round < 40          ? 1 + random() % 0xFFFF
                                       : random() % 3 == 0 ? 128 + random() % 128
                                                           : 1 + random() % 127);
         }

@@ -46,7 +46,7 @@ const char kShapes[] =
     "<a a=b=c>|<t a=\"b=c:d\">|<t a=\"x:y\":b=1>|<a b=\"1\"\n c=\"2\">|<a b=>|<a :b>|<r><a b=\"1\"/></r>|"
     "<a><!-- c --><b/></a>|<r><a>t</a> x <b/></r>|<a/|</a/>|<:a>|<a:>|< a>|</a>|<a><b>|"
     "<?xml version=\"1.0\"?>\n<a>|<a\r\n b=\"1\">|<a b=\"1\" c=\"2\" d=\"3\">|<a x=\"1\">1 > 0</a>|"
-    "<a b=\"1\"|<a>x</a>|<a b=\"1 c=2>|<a><b></a></b>|   ";
+    "<a b=\"1\"|<a>x</a>|<a b=\"1 c=2>|<a><b></a></b>|   |<a/>|<t h=a:b>|<a\tb=\"1\" c=\"2\">|<a =1>";
 
 // Bytes that matter to the parser, weighted in, and any byte at all now and then.
 char RandomByte(std::mt19937& rng) {

@@ -40,7 +40,7 @@ TEST(XmlGetXMLAttributes, TokensBehindTheName) {
         Parsed parsed(c.text);
         ASSERT_NE(parsed.at(c.node), nullptr);
         xml_attribute* first = xml_GetXMLAttributes(parsed.at(c.node));
-        EXPECT_EQ(xmltest::Render(parsed.base(), first), c.records);
+        EXPECT_EQ(xmltest::Render(parsed.buffer.data(), first), c.records);
         xml_DestructXMLAttributeList(first);
     }
 }
@@ -53,11 +53,11 @@ TEST(XmlGetXMLAttributes, NullAndFailedAllocation) {
     Parsed parsed("<a b=\"1\" c=\"2\" d=\"3\">");
     for (int granted = 0; granted < 3; ++granted) {
         xmltest::FailAllocationsAfter failing(granted);
-        EXPECT_EQ(xml_GetXMLAttributes(parsed.first()), nullptr) << granted;
+        EXPECT_EQ(xml_GetXMLAttributes(parsed.first), nullptr) << granted;
     }
     xmltest::FailAllocationsAfter failing(3);
-    xml_attribute* first = xml_GetXMLAttributes(parsed.first());
-    EXPECT_EQ(xmltest::Render(parsed.base(), first).size(), 3u);
+    xml_attribute* first = xml_GetXMLAttributes(parsed.first);
+    EXPECT_EQ(xmltest::Render(parsed.buffer.data(), first).size(), 3u);
     xml_DestructXMLAttributeList(first);
 }
 

@@ -54,7 +54,7 @@ TEST(XmlParseXML, FailedAllocationGivesNoList) {
         xmltest::ExactBuffer buffer(text);
         xmltest::FailAllocationsAfter counting;
         xml_node* first = xml_ParseXML(buffer.data(), 0, buffer.size());
-        needed = xmltest::FailAllocationsAfter::made();
+        needed = xmltest::FailAllocationsAfter::made;
         EXPECT_EQ(xmltest::Render(buffer.data(), first).size(), 1000u);
         xml_DestructXMLNodeList(first);
     }
@@ -125,9 +125,9 @@ TEST(XmlProcessXMLNodeList, ResultsAndLinks) {
         Parsed parsed(c.text);
         for (int run = 0; run < 2; ++run) {
             xmltest::FailAllocationsAfter counting;
-            EXPECT_EQ(xml_ProcessXMLNodeList(parsed.first()), c.result);
-            for (xml_node* n = parsed.first(); n; n = n->next) xml_ReadInnerXML(n, nullptr);
-            EXPECT_EQ(counting.made(), 0);
+            EXPECT_EQ(xml_ProcessXMLNodeList(parsed.first), c.result);
+            for (xml_node* n = parsed.first; n; n = n->next) xml_ReadInnerXML(n, nullptr);
+            EXPECT_EQ(counting.made, 0);
             EXPECT_EQ(parsed.nodes(), c.nodes);
         }
     }
@@ -164,17 +164,17 @@ TEST(XmlReadInnerXML, FindsTheRawTextBetweenTheTags) {
             char* inner = untouched;
             const int length = xml_ReadInnerXML(node, &inner);
             EXPECT_EQ(std::to_string(length) + "@" +
-                          (inner != untouched ? std::to_string(inner - parsed.base()) + ":" +
+                          (inner != untouched ? std::to_string(inner - parsed.buffer.data()) + ":" +
                                                     std::string(inner, size_t(length))
                                               : "-"),
                       c[2]);
-            EXPECT_LE(xml_ProcessXMLNodeList(parsed.first()), 0);
+            EXPECT_LE(xml_ProcessXMLNodeList(parsed.first), 0);
         }
     }
     char* inner = nullptr;
     EXPECT_EQ(xml_ReadInnerXML(nullptr, &inner), 0);
     EXPECT_EQ(inner, nullptr);
-    EXPECT_EQ(xml_ReadInnerXML(Parsed("<a>xy</a>").first(), nullptr), 2);
+    EXPECT_EQ(xml_ReadInnerXML(Parsed("<a>xy</a>").first, nullptr), 2);
 }
 
 // Lists that xml_ParseXML never makes: the walks must still end and take null names and links.

@@ -92,50 +92,31 @@ inline Attributes Render(const char* base, const xml_attribute* first) {
 }
 
 // A document parsed from an exactly sized copy, kept with its nodes for the scope.
-class Parsed {
-public:
+struct Parsed {
     explicit Parsed(const std::string& text)
-        : buffer_(text), first_(xml_ParseXML(buffer_.data(), 0, buffer_.size())) {}
-    ~Parsed() { xml_DestructXMLNodeList(first_); }
+        : buffer(text), first(xml_ParseXML(buffer.data(), 0, buffer.size())) {}
     Parsed(const Parsed&) = delete;
-    Parsed& operator=(const Parsed&) = delete;
-
-    xml_node* first() const { return first_; }
+    ~Parsed() { xml_DestructXMLNodeList(first); }
     xml_node* at(size_t index) const {
-        xml_node* n = first_;
+        xml_node* n = first;
         while (n && index--) n = n->next;
         return n;
     }
-    const char* base() const { return buffer_.data(); }
-    Nodes nodes() const { return Render(buffer_.data(), first_); }
+    Nodes nodes() const { return Render(buffer.data(), first); }
 
-private:
-    ExactBuffer buffer_;
-    xml_node* first_;
+    ExactBuffer buffer;
+    xml_node* first;
 };
 
-// Counts the parser's allocations for the scope (made()); all after the first `granted` fail.
-class FailAllocationsAfter {
-public:
-    explicit FailAllocationsAfter(int granted = INT_MAX) : saved_(xmlparser::allocate) {
-        remaining() = granted;
-        made() = 0;
-        xmlparser::allocate = [](size_t size) {
-            return ++made(), remaining()-- > 0 ? malloc(size) : nullptr;
-        };
+// Counts the parser's allocations for the scope in `made`; all after the first `granted` fail.
+struct FailAllocationsAfter {
+    explicit FailAllocationsAfter(int granted = INT_MAX) {
+        remaining = granted;
+        made = 0;
+        xmlparser::allocate = [](size_t size) { return ++made, remaining-- > 0 ? malloc(size) : nullptr; };
     }
-    ~FailAllocationsAfter() { xmlparser::allocate = saved_; }
-    static int& made() {
-        static int n;
-        return n;
-    }
-
-private:
-    static int& remaining() {
-        static int n;
-        return n;
-    }
-    void* (*saved_)(size_t);
+    ~FailAllocationsAfter() { xmlparser::allocate = malloc; }
+    static inline int made = 0, remaining = 0;
 };
 
 }  // namespace xmltest

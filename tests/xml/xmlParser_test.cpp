@@ -1,16 +1,141 @@
 #include "msplatform/xmlParser.h"
 
+#include <string.h>
+
+#include <climits>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/support.h"
 #include "xmlTestSupport.h"
 
 namespace {
 
+using xmltest::Attributes;
+using xmltest::ExactBuffer;
 using xmltest::Nodes;
 using xmltest::Parsed;
+using xmltest::Pieces;
+using xmltest::ToPieces;
+
+Pieces Split(bool quoteAware, char* text, int start, int endOrLength, const std::string& delimiter) {
+    ExactBuffer d(delimiter);
+    return ToPieces(text, quoteAware ? xml_ParseStringAdv(text, start, endOrLength, d.data(), d.size())
+                                     : xml_ParseString(text, start, endOrLength, d.data(), d.size()));
+}
+
+Pieces Split(bool quoteAware, const std::string& text, const std::string& delimiter) {
+    ExactBuffer t(text);
+    return Split(quoteAware, t.data(), 0, t.size(), delimiter);
+}
+
+// True for the empty result: no piece, count 0, never null.
+bool Empty(parser_result* r) {
+    const bool empty = r && !r->first && r->count == 0;
+    if (r) xml_DestructParserResults(r);
+    return empty;
+}
+
+const std::string kNuls("a\0b,\0,c\0", 8);
+
+TEST(XmlSplitter, Cuts) {
+    const struct {
+        bool quoteAware;
+        std::string text, delimiter;
+        Pieces pieces;  // offset into the text and bytes of each piece
+    } cases[] = {
+        {false, "", ",", {{0, ""}}},
+        {false, ",,", ",", {{0, ""}, {1, ""}, {2, ""}}},
+        {false, "a,b,,c,", ",", {{0, "a"}, {2, "b"}, {4, ""}, {5, "c"}, {7, ""}}},
+        {false, "abXY", "XYZ", {{0, "abXY"}}},
+        {false, "aXYZbXYZXYZc", "XYZ", {{0, "a"}, {4, "b"}, {8, ""}, {11, "c"}}},
+        {false, "XYXYZ", "XYZ", {{0, "XY"}, {5, ""}}},
+        {false, "a\"b,c\"", ",", {{0, "a\"b"}, {4, "c\""}}},
+        {false, "<a><b>", "<", {{0, ""}, {1, "a>"}, {4, "b>"}}},
+        {false, "\xff\xfe\xff\xfe", "\xfe\xff", {{0, "\xff"}, {3, "\xfe"}}},
+        {false,
+         kNuls,
+         ",",
+         {{0, std::string("a\0b", 3)}, {4, std::string("\0", 1)}, {6, std::string("c\0", 2)}}},
+        {true,
+         kNuls,
+         ",",
+         {{0, std::string("a\0b", 3)}, {4, std::string("\0", 1)}, {6, std::string("c\0", 2)}}},
+        {false, kNuls, std::string("\0", 1), {{0, "a"}, {2, "b,"}, {5, ",c"}, {8, ""}}},
+        {false, "abc", "", {{0, "abc"}}},  // a delimiter of no bytes cuts nothing
+        // Quote-aware: no cut inside the first quote kind met, which goes on and off with each quote of it.
+        {true, "a  b", " ", {{0, "a"}, {2, ""}, {3, "b"}}},
+        {true, "a=\"b c\" d='e f'", " ", {{0, "a=\"b c\""}, {8, "d='e"}, {13, "f'"}}},
+        {true, "d='e f' a=\"b c\"", " ", {{0, "d='e f'"}, {8, "a=\"b"}, {13, "c\""}}},
+        {true, "it's a=\"b c\" x", " ", {{0, "it's a=\"b c\" x"}}},
+        {true, "a\"b c\"d e", " ", {{0, "a\"b c\"d"}, {8, "e"}}},
+        {true, "\"a\"b", "\"", {{0, "\"a"}, {3, "b"}}},  // the closing quote itself is not protected
+        {true, "'a b' 'c d' e", " ", {{0, "'a b'"}, {6, "'c d'"}, {12, "e"}}},
+        {true, "x=\"1:2\":y", ":", {{0, "x=\"1:2\""}, {8, "y"}}},
+        {true, "a=b=c", "=", {{0, "a"}, {2, "b"}, {4, "c"}}},
+        {true, "a-\"b", "-\"", {{0, "a"}, {3, "b"}}},  // tested at the delimiter's first byte
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.text) + (c.quoteAware ? " quote-aware" : ""));
+        EXPECT_EQ(Split(c.quoteAware, c.text, c.delimiter), c.pieces);
+    }
+    char text[] = "abc", comma[] = ",";
+    EXPECT_EQ(ToPieces(text, xml_ParseStringAdv(text, 0, 3, comma, -1)), (Pieces{{0, "abc"}}));
+    EXPECT_EQ(ToPieces(text, xml_ParseString(text, 0, 3, nullptr, 1)), (Pieces{{0, "abc"}}));
+}
+
+TEST(XmlSplitter, RangesAndOffsets) {
+    char text[] = "xx,a,b,yy";
+    // Blind: start and end offsets; quote-aware: start offset and length.
+    EXPECT_EQ(Split(false, text, 3, 6, ","), (Pieces{{3, "a"}, {5, "b"}}));
+    EXPECT_EQ(Split(false, text, 2, 7, ","), (Pieces{{2, ""}, {3, "a"}, {5, "b"}, {7, ""}}));
+    EXPECT_EQ(Split(true, text, 3, 3, ","), (Pieces{{3, "a"}, {5, "b"}}));
+    // A delimiter that would reach past the limit is text.
+    EXPECT_EQ(Split(false, text, 3, 4, "a,"), (Pieces{{3, "a"}}));
+    EXPECT_EQ(Split(true, text, 3, 1, "a,"), (Pieces{{3, "a"}}));
+    // Empty ranges give one empty piece at the start offset.
+    for (int start : {0, 4, 9}) {
+        for (int length : {0, -3}) {
+            EXPECT_EQ(Split(false, text, start, start + length, ","), (Pieces{{start, ""}}));
+            EXPECT_EQ(Split(true, text, start, length, ","), (Pieces{{start, ""}}));
+        }
+    }
+}
+
+// A null buffer (not a legal call of the quote-aware one) and failed allocations give the empty result.
+TEST(XmlSplitter, NullBufferAndFailedAllocationGiveNoPieceButNeverNull) {
+    char text[] = "a,b,c", comma[] = ",";
+    EXPECT_TRUE(Empty(xml_ParseString(nullptr, 0, 10, comma, 1)));
+    EXPECT_TRUE(Empty(xml_ParseStringAdv(nullptr, 0, 10, comma, 1)));
+    for (int granted = 0; granted < 4; ++granted) {
+        xmltest::FailAllocationsAfter failing(granted);
+        EXPECT_TRUE(Empty(xml_ParseString(text, 0, 5, comma, 1))) << granted;
+        EXPECT_TRUE(Empty(xml_ParseStringAdv(text, 0, 5, comma, 1))) << granted;
+    }
+    xmltest::FailAllocationsAfter failing(4);
+    EXPECT_EQ(ToPieces(text, xml_ParseString(text, 0, 5, comma, 1)), (Pieces{{0, "a"}, {2, "b"}, {4, "c"}}));
+}
+
+TEST(XmlSplitter, IsDelimiter) {
+    char text[] = "ab<c", lt[] = "<", two[] = "<c", high[] = "\xff", highText[] = "a\xff";
+    const struct {
+        char* buffer;
+        int position, end;
+        char* delimiter;
+        int length, expected;
+    } cases[] = {
+        {text, 2, 4, lt, 1, 1},    {text, 1, 4, lt, 1, 0},       {text, 2, 3, lt, 1, 1},
+        {text, 2, 2, lt, 1, 0},    {text, 2, 4, two, 2, 1},      {text, 2, 3, two, 2, 0},
+        {text, 0, 4, two, 0, 1},   {text, 4, 4, two, 0, 1},      {text, 5, 4, two, 0, 0},
+        {text, 0, 4, lt, -1, 1},   {highText, 1, 2, high, 1, 1}, {highText, 0, 2, high, 1, 0},
+        {nullptr, 0, 4, lt, 1, 0}, {text, 0, 4, nullptr, 1, 0},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(xml_IsDelimiter(c.buffer, c.position, c.end, c.delimiter, c.length), c.expected)
+            << c.position << " " << c.end << " " << c.length;
+}
 
 // More shapes are compared with the nodes the splitters' cuts give, in XmlFuzz (its seeds).
 TEST(XmlParseXML, WhatTheCutsMakeOfText) {
@@ -236,6 +361,102 @@ TEST(XmlStack, LastInFirstOut) {
     EXPECT_EQ(xml_PeekStack(nullptr), nullptr);
     EXPECT_EQ(xml_PopStack(nullptr), nullptr);
     xml_ClearStack(nullptr);
+}
+
+// More tags are compared with the records the splitters' cuts give, in XmlFuzz (its seeds).
+TEST(XmlGetXMLAttributes, TokensBehindTheName) {
+    const struct {
+        std::string text;
+        size_t node;  // index of the node asked
+        Attributes records;
+    } cases[] = {
+        {"<a />", 0, {"@3 | @3"}},
+        {"<a b=\"1\" />", 0, {"@9 | @9", "b@3 | \"1\"@5"}},
+        {"<a x:b=\"1\" yy:c=\"2\">", 0, {"yy@11:c@14 | \"2\"@16", "x@3:b@5 | \"1\"@7"}},
+        {"<a flag>", 0, {"flag@3 | flag@3"}},
+        {"<a b=\"1\" c='2 3'>", 0, {"3'@14 | 3'@14", "c@9 | '2@11", "b@3 | \"1\"@5"}},
+        {"<a b=\"1 c=2>", 0, {"b@3 | \"1 c=2@5"}},  // an unclosed quote holds the rest of the tag
+        {"<a>x</a>", 1, {}},                        // a closing node: its tag text has a negative length
+        // The closing node of an empty tag shares the start node's position but not isEmpty.
+        {"<a b=\"1\"/>", 1, {"b@3 | \"1\"/@5"}},
+        // A ">" in the text behind the tag moves the position, and the tag text runs up to it.
+        {"<a x=\"1\">1 > 0</a>", 0, {"@11 | @11", "x@3 | \"1\">1@5"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text + " node " + std::to_string(c.node));
+        Parsed parsed(c.text);
+        ASSERT_NE(parsed.at(c.node), nullptr);
+        xml_attribute* first = xml_GetXMLAttributes(parsed.at(c.node));
+        EXPECT_EQ(xmltest::Render(parsed.buffer.data(), first), c.records);
+        xml_DestructXMLAttributeList(first);
+    }
+}
+
+TEST(XmlGetXMLAttributes, NullAndFailedAllocation) {
+    EXPECT_EQ(xml_GetXMLAttributes(nullptr), nullptr);
+    xml_node positionless{};
+    EXPECT_EQ(xml_GetXMLAttributes(&positionless), nullptr);
+    xml_DestructXMLAttributeList(nullptr);
+    Parsed parsed("<a b=\"1\" c=\"2\" d=\"3\">");
+    for (int granted = 0; granted < 3; ++granted) {
+        xmltest::FailAllocationsAfter failing(granted);
+        EXPECT_EQ(xml_GetXMLAttributes(parsed.first), nullptr) << granted;
+    }
+    xmltest::FailAllocationsAfter failing(3);
+    xml_attribute* first = xml_GetXMLAttributes(parsed.first);
+    EXPECT_EQ(xmltest::Render(parsed.buffer.data(), first).size(), 3u);
+    xml_DestructXMLAttributeList(first);
+}
+
+// Decoded in place from a heap block of exactly the text and its terminator; escaped into one of exactly the
+// announced size and a terminator. Round trips of random texts run in XmlFuzz.
+TEST(XmlEntities, DecodeAndEncode) {
+    const char* decodes[][2] = {
+        {"", ""},
+        {"&lt;&gt;&amp;&quot;&apos;", "<>&\"'"},
+        {"a &lt; b &amp;&amp; c &gt; d", "a < b && c > d"},
+        {"&amp;lt;", "&lt;"},
+        {"a&b", "a&b"},
+        {"&lt", "&lt"},
+        {"&LT;", "&LT;"},
+        {"&#60;", "&#60;"},
+        {"&unknown;", "&unknown;"},
+        {"&", "&"},
+        {"&&lt;", "&<"},
+        {"&lt;&", "<&"},
+        {"\xff&gt;\x80", "\xff>\x80"},
+    };
+    for (const auto& c : decodes) {
+        xmltest::ExactBuffer buffer(std::string(c[0], strlen(c[0]) + 1));
+        EXPECT_EQ(xml_InPlaceXmlUnEscape(buffer.data()), int(strlen(c[1]))) << c[0];
+        EXPECT_STREQ(buffer.data(), c[1]);
+    }
+    const char* encodes[][2] = {
+        {"", ""},
+        {"plain", "plain"},
+        {"\"'&<>", "&quot;&apos;&amp;&lt;&gt;"},
+        {"&amp;", "&amp;amp;"},
+        {"\x80\xff\x01", "\x80\xff\x01"},
+    };
+    for (const auto& c : encodes) {
+        EXPECT_EQ(xml_XmlEscapeLength(c[0]), int(strlen(c[1]))) << c[0];
+        xmltest::ExactBuffer destination(std::string(strlen(c[1]) + 1, '#'));
+        EXPECT_EQ(xml_XmlEscape(destination.data(), c[0]), int(strlen(c[1])));
+        EXPECT_EQ(std::string(destination.data(), strlen(c[1]) + 1), std::string(c[1], strlen(c[1]) + 1));
+    }
+    EXPECT_EQ(xml_InPlaceXmlUnEscape(nullptr), 0);
+    EXPECT_EQ(xml_XmlEscapeLength(nullptr), 0);
+    char destination[] = "xyz";
+    EXPECT_EQ(xml_XmlEscape(destination, nullptr), 0);
+    EXPECT_EQ(destination[0], '\0');
+    EXPECT_EQ(xml_XmlEscape(nullptr, "a<b"), 0);
+}
+
+// 360 MiB of quotes escape to more than 2 GiB: the length stops at the largest int rather than overflowing.
+TEST(XmlEntities, EscapeLengthOfAHugeTextSaturates) {
+    msptest::RepeatedText quotes('"', 360);
+    if (!quotes.text()) GTEST_SKIP() << "the system gives no 360 MiB of address space";
+    EXPECT_EQ(xml_XmlEscapeLength(quotes.text()), INT_MAX);
 }
 
 }  // namespace

@@ -50,16 +50,18 @@ protected:
 // tokens that end within the first 1023 bytes of a list count.
 TEST_F(MediaFormatQueries, ExtensionLookups) {
     const std::string ext55(55, 'e'), ext56(56, 'e');
-    // The first long list's byte 1023 is the comma behind the g's; in the second, byte 1023 falls in a token.
+    // Byte 1023 of the g's list is the comma behind them; of the h's list, the last h; in the cut list, it
+    // falls inside a token.
     std::string head = "first,";
     for (int i = 0; i < 99; ++i) head += "f" + std::to_string(10000000 + i) + ",";
     head += "xyz,";
-    const std::string gs(23, 'g'), cutToken = "xx" + std::string(19, 'c') + "cutoff";
+    const std::string gs(23, 'g'), hs(24, 'h'), cutToken = "xx" + std::string(19, 'c') + "cutoff";
     const std::string cutPrefix = cutToken.substr(0, 23), atLimit = head + gs + ",late,tail";
     ASSERT_EQ(',', atLimit[1023]);
     Load({Name("first") + Ext("mp3,MP2"), Name("second") + Ext("mp3,wma, ogg"), Name("third") + Ext("a,,b,"),
           Name("55") + Ext(ext55), Name("56") + Ext(ext56), Name("atLimit") + Ext(atLimit),
-          Name("cut") + Ext(head + cutToken + ",late"), Name("fallback") + Ext("late,tail," + cutPrefix)});
+          Name("cut") + Ext(head + cutToken + ",late"), Name("over") + Ext(head + hs + ",x"),
+          Name("fallback") + Ext("late,tail," + cutPrefix)});
     auto names = [](const Strings& extensions) {
         std::string out;
         for (const std::string& e : extensions) out += Text(MF_GetFormatNameByExtension(Arg(e))) + " ";
@@ -68,9 +70,9 @@ TEST_F(MediaFormatQueries, ExtensionLookups) {
     EXPECT_EQ("first first first first first second second - - - - - - third - ",
               names({"mp3", ".mp3", "MP3", ".Mp3", "mp2", "wma", " ogg", "ogg", "..mp3", ".", "", "mp",
                      "mp3,", "b", "a,,b"}));
-    EXPECT_EQ("55 55 - - - atLimit atLimit fallback fallback fallback - ",
-              names({ext55, "." + ext55, ext56, "." + ext56, std::string(5000, 'e'), "f10000098", gs, "late",
-                     "tail", cutPrefix, cutToken}));
+    EXPECT_EQ("55 55 - - - atLimit atLimit - fallback fallback fallback - ",
+              names({ext55, "." + ext55, ext56, "." + ext56, std::string(5000, 'e'), "f10000098", gs, hs,
+                     "late", "tail", cutPrefix, cutToken}));
     EXPECT_EQ(nullptr, MF_GetFormatNameByExtension(nullptr));
 }
 

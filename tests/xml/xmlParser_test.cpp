@@ -39,6 +39,8 @@ bool Empty(parser_result* r) {
 }
 
 const std::string kNuls("a\0b,\0,c\0", 8);
+const Pieces kNulPieces = {
+    {0, std::string("a\0b", 3)}, {4, std::string("\0", 1)}, {6, std::string("c\0", 2)}};
 
 TEST(XmlSplitter, Cuts) {
     const struct {
@@ -55,14 +57,8 @@ TEST(XmlSplitter, Cuts) {
         {false, "a\"b,c\"", ",", {{0, "a\"b"}, {4, "c\""}}},
         {false, "<a><b>", "<", {{0, ""}, {1, "a>"}, {4, "b>"}}},
         {false, "\xff\xfe\xff\xfe", "\xfe\xff", {{0, "\xff"}, {3, "\xfe"}}},
-        {false,
-         kNuls,
-         ",",
-         {{0, std::string("a\0b", 3)}, {4, std::string("\0", 1)}, {6, std::string("c\0", 2)}}},
-        {true,
-         kNuls,
-         ",",
-         {{0, std::string("a\0b", 3)}, {4, std::string("\0", 1)}, {6, std::string("c\0", 2)}}},
+        {false, kNuls, ",", kNulPieces},
+        {true, kNuls, ",", kNulPieces},
         {false, kNuls, std::string("\0", 1), {{0, "a"}, {2, "b,"}, {5, ",c"}, {8, ""}}},
         {false, "abc", "", {{0, "abc"}}},  // a delimiter of no bytes cuts nothing
         // Quote-aware: no cut inside the first quote kind met, which goes on and off with each quote of it.

@@ -1,5 +1,5 @@
-// Helpers for the XML parser's tests: copies of texts in exactly sized heap buffers (so that the address
-// sanitizer sees any read past them) and whole results turned into plain values that compare at once.
+// Helpers for the XML parser's tests: texts in exactly sized heap blocks (so that the address sanitizer sees
+// any read past them) and whole results written out as plain values.
 #pragma once
 
 #include <limits.h>
@@ -20,9 +20,8 @@ namespace xmltest {
 // A copy of some bytes in a heap block of exactly their size, without a terminator.
 class ExactBuffer {
 public:
-    explicit ExactBuffer(const std::string& bytes) : size_(static_cast<int>(bytes.size())) {
-        data_.reset(new char[bytes.size()]);
-        if (!bytes.empty()) memcpy(data_.get(), bytes.data(), bytes.size());
+    explicit ExactBuffer(const std::string& bytes) : data_(new char[bytes.size()]), size_(int(bytes.size())) {
+        memcpy(data_.get(), bytes.data(), bytes.size());
     }
     char* data() const { return data_.get(); }
     int size() const { return size_; }
@@ -32,159 +31,92 @@ private:
     int size_;
 };
 
-// The pieces of a split as (offset from the buffer, bytes).
+// The pieces of a split as (offset from the buffer, bytes); checks count and last, and releases the result.
 using Pieces = std::vector<std::pair<long, std::string>>;
-
-// Turns a result into its pieces, checks count and last against them, and releases it.
 inline Pieces ToPieces(const char* base, parser_result* result) {
     Pieces pieces;
-    if (!result) {
-        ADD_FAILURE() << "null result";
-        return pieces;
-    }
     const parser_field* last = nullptr;
-    for (const parser_field* f = result->first; f; f = f->next) {
-        pieces.emplace_back(f->text - base, std::string(f->text, static_cast<size_t>(f->length)));
-        last = f;
-    }
-    EXPECT_EQ(result->count, static_cast<int>(pieces.size()));
-    if (last) {
-        EXPECT_EQ(result->last, last);
-    }
+    for (const parser_field* f = result->first; f; last = f, f = f->next)
+        pieces.emplace_back(f->text - base, std::string(f->text, size_t(f->length)));
+    EXPECT_EQ(result->count, int(pieces.size()));
+    EXPECT_TRUE(!last || result->last == last);
     xml_DestructParserResults(result);
     return pieces;
 }
 
-inline Pieces SplitBlind(char* text, int start, int end, const std::string& delimiter) {
-    ExactBuffer d(delimiter);
-    return ToPieces(text, xml_ParseString(text, start, end, d.data(), d.size()));
-}
-
-inline Pieces SplitAdv(char* text, int start, int length, const std::string& delimiter) {
-    ExactBuffer d(delimiter);
-    return ToPieces(text, xml_ParseStringAdv(text, start, length, d.data(), d.size()));
-}
-
-inline Pieces SplitBlind(const std::string& text, const std::string& delimiter) {
-    ExactBuffer t(text);
-    return SplitBlind(t.data(), 0, t.size(), delimiter);
-}
-
-inline Pieces SplitAdv(const std::string& text, const std::string& delimiter) {
-    ExactBuffer t(text);
-    return SplitAdv(t.data(), 0, t.size(), delimiter);
-}
-
-// A node list written out whole, one line a node, offsets counted from the buffer:
-//   "<" start or "</" closing, then "prefix@offset:" if the node has a prefix, "name@offset", " #position",
-//   " empty" if isEmpty, then each tree link that is set, as the index of the node it points to:
-//   " parent=", " peer=", " close=" (closingTag), " open=" (startingTag). A link to a node outside the list
-//   shows as "?".
+// A node list, one line a node, offsets from the buffer: "<" start or "</" closing, "prefix@offset:" if
+// there is a prefix, "name@offset", " #position", " empty", then the tree links that are set, as node
+// indexes ("?" outside the list): " parent=", " peer=", " close=" (closingTag), " open=" (startingTag).
 using Nodes = std::vector<std::string>;
-
 inline Nodes Render(const char* base, const xml_node* first) {
     std::vector<const xml_node*> all;
     for (const xml_node* n = first; n; n = n->next) all.push_back(n);
-    auto index = [&](const xml_node* target) {
+    auto index = [&](const char* key, const xml_node* target) {
+        if (!target) return std::string();
         for (size_t i = 0; i < all.size(); ++i)
-            if (all[i] == target) return std::to_string(i);
-        return std::string("?");
+            if (all[i] == target) return key + std::to_string(i);
+        return key + std::string("?");
+    };
+    auto at = [&](const char* p, int length) {
+        return std::string(p, size_t(length)) + "@" + std::to_string(p - base);
     };
     Nodes lines;
     for (const xml_node* n : all) {
         std::string line = n->isStart ? "<" : "</";
-        if (n->prefix)
-            line += std::string(n->prefix, static_cast<size_t>(n->prefixLength)) + "@" +
-                    std::to_string(n->prefix - base) + ":";
-        line +=
-            std::string(n->name, static_cast<size_t>(n->nameLength)) + "@" + std::to_string(n->name - base);
-        line += " #" + std::to_string(n->position - base);
+        if (n->prefix) line += at(n->prefix, n->prefixLength) + ":";
+        line += at(n->name, n->nameLength) + " #" + std::to_string(n->position - base);
         if (n->isEmpty) line += " empty";
         if (n->isStart != 0 && n->isStart != ~0) line += " isStart=" + std::to_string(n->isStart);
         if (n->isEmpty != 0 && n->isEmpty != ~0) line += " isEmpty=" + std::to_string(n->isEmpty);
         if (!n->prefix && n->prefixLength != 0) line += " prefixLength=" + std::to_string(n->prefixLength);
-        if (n->parent) line += " parent=" + index(n->parent);
-        if (n->peer) line += " peer=" + index(n->peer);
-        if (n->closingTag) line += " close=" + index(n->closingTag);
-        if (n->startingTag) line += " open=" + index(n->startingTag);
-        lines.push_back(line);
+        lines.push_back(line + index(" parent=", n->parent) + index(" peer=", n->peer) +
+                        index(" close=", n->closingTag) + index(" open=", n->startingTag));
     }
     return lines;
 }
 
-// An attribute list written out whole, one line a record, offsets counted from the buffer:
-//   "prefix@offset:" if the record has a prefix, "name@offset", " | ", "value@offset".
+// An attribute list, one line a record: "prefix@offset:" if there is a prefix, "name@offset | value@offset".
 using Attributes = std::vector<std::string>;
-
 inline Attributes Render(const char* base, const xml_attribute* first) {
+    auto at = [&](const char* p, int length) {
+        return std::string(p, size_t(length)) + "@" + std::to_string(p - base);
+    };
     Attributes lines;
     for (const xml_attribute* a = first; a; a = a->next) {
-        std::string line;
-        if (a->prefix)
-            line += std::string(a->prefix, static_cast<size_t>(a->prefixLength)) + "@" +
-                    std::to_string(a->prefix - base) + ":";
-        else if (a->prefixLength != 0)
+        std::string line = a->prefix ? at(a->prefix, a->prefixLength) + ":" : "";
+        if (!a->prefix && a->prefixLength != 0)
             line += "prefixLength=" + std::to_string(a->prefixLength) + " ";
-        line +=
-            std::string(a->name, static_cast<size_t>(a->nameLength)) + "@" + std::to_string(a->name - base);
-        line += " | " + std::string(a->value, static_cast<size_t>(a->valueLength)) + "@" +
-                std::to_string(a->value - base);
-        lines.push_back(line);
+        lines.push_back(line + at(a->name, a->nameLength) + " | " + at(a->value, a->valueLength));
     }
     return lines;
 }
 
 // A document parsed from an exactly sized copy, kept with its nodes for the scope.
-class Parsed {
-public:
-    explicit Parsed(const std::string& text) : buffer_(text) {
-        first_ = xml_ParseXML(buffer_.data(), 0, buffer_.size());
-    }
-    ~Parsed() { xml_DestructXMLNodeList(first_); }
+struct Parsed {
+    explicit Parsed(const std::string& text)
+        : buffer(text), first(xml_ParseXML(buffer.data(), 0, buffer.size())) {}
     Parsed(const Parsed&) = delete;
-    Parsed& operator=(const Parsed&) = delete;
-
-    xml_node* first() const { return first_; }
+    ~Parsed() { xml_DestructXMLNodeList(first); }
     xml_node* at(size_t index) const {
-        xml_node* n = first_;
+        xml_node* n = first;
         while (n && index--) n = n->next;
         return n;
     }
-    const char* base() const { return buffer_.data(); }
-    Nodes nodes() const { return Render(buffer_.data(), first_); }
+    Nodes nodes() const { return Render(buffer.data(), first); }
 
-private:
-    ExactBuffer buffer_;
-    xml_node* first_;
+    ExactBuffer buffer;
+    xml_node* first;
 };
 
-// Counts the parser's allocations for the scope; all after the first `granted` fail.
-class FailAllocationsAfter {
-public:
-    explicit FailAllocationsAfter(int granted = INT_MAX) : saved_(xmlparser::allocate) {
-        remaining() = granted;
-        made() = 0;
-        xmlparser::allocate = [](size_t size) -> void* {
-            ++made();
-            return remaining()-- > 0 ? malloc(size) : nullptr;
-        };
+// Counts the parser's allocations for the scope in `made`; all after the first `granted` fail.
+struct FailAllocationsAfter {
+    explicit FailAllocationsAfter(int granted = INT_MAX) {
+        remaining = granted;
+        made = 0;
+        xmlparser::allocate = [](size_t size) { return ++made, remaining-- > 0 ? malloc(size) : nullptr; };
     }
-    ~FailAllocationsAfter() { xmlparser::allocate = saved_; }
-    FailAllocationsAfter(const FailAllocationsAfter&) = delete;
-    FailAllocationsAfter& operator=(const FailAllocationsAfter&) = delete;
-
-    static int& made() {
-        static int n = 0;
-        return n;
-    }
-
-private:
-    static int& remaining() {
-        static int count = 0;
-        return count;
-    }
-    void* (*saved_)(size_t);
+    ~FailAllocationsAfter() { xmlparser::allocate = malloc; }
+    static inline int made = 0, remaining = 0;
 };
-using CountAllocations = FailAllocationsAfter;
 
 }  // namespace xmltest

@@ -63,23 +63,6 @@ std::string MakeDirOfLength(const std::string& base, size_t length) {
     return path;
 }
 
-TEST(EventLoggerList, OldestAndNewestByTimeWithTiesToTheHead) {
-    struct Case {
-        std::vector<uint32_t> times;
-        int oldest, newest;  // indexes, -1 for none
-    } cases[] = {{{}, -1, -1}, {{5, 2, 7, 2, 7}, 1, 2}, {{0xFFFFFFF0u, 0x10u}, 1, 0}};  // unsigned
-    for (const Case& c : cases) {
-        ZvEventLogger logger;
-        std::vector<fileInfo*> nodes = {nullptr};
-        for (uint32_t time : c.times) {
-            nodes.push_back(MakeNode("f", time));
-            logger.addnode(nodes.back());
-        }
-        EXPECT_EQ(nodes[c.oldest + 1], logger.findoldnode()) << ::testing::PrintToString(c.times);
-        EXPECT_EQ(nodes[c.newest + 1], logger.findnewnode()) << ::testing::PrintToString(c.times);
-    }
-}
-
 // A clock of the test's own: it stands still or steps by one millisecond per reading.
 struct TestClock {
     static time_t seconds;
@@ -251,20 +234,23 @@ TEST_F(LoggerTest, ScanTakesADirectoryPathOf254BytesAndRefusesALongerOne) {
     }
 }
 
-TEST_F(LoggerTest, DeletionTakesTheOldestFirstWithTiesToTheHead) {
+TEST_F(LoggerTest, OldestAndNewestByUnsignedTimeWithTiesToTheHeadAndDeletionTakesTheOldestFirst) {
     ZvEventLogger logger;
     Place(logger);
-    const uint32_t times[] = {500, 100, 300, 100, 400};
+    const uint32_t times[] = {500, 100, 0xFFFFFFF0u, 100, 0xFFFFFFF0u};
+    std::vector<fileInfo*> nodes;
     for (int i = 0; i < 5; ++i) {
-        std::string name = "serverLog." + std::to_string(i);
-        msptest::WriteFile(logs_ + "/" + name, "x");
-        logger.addnode(MakeNode(name, times[i]));
+        nodes.push_back(MakeNode("serverLog." + std::to_string(i), times[i]));
+        msptest::WriteFile(logs_ + "/" + nodes.back()->name, "x");
+        logger.addnode(nodes.back());
     }
+    EXPECT_EQ(nodes[1], logger.findoldnode());
+    EXPECT_EQ(nodes[2], logger.findnewnode());
     logger.currentFilesCount = 5;
     logger.logFilesCount = 2;
     logger.deleteoldlogfiles();
     EXPECT_EQ(2, logger.currentFilesCount);
-    EXPECT_EQ((std::vector<std::string>{"serverLog.0", "serverLog.4"}), ListNames(logger));
+    EXPECT_EQ((std::vector<std::string>{"serverLog.2", "serverLog.4"}), ListNames(logger));
     EXPECT_EQ(ListNames(logger), LogFiles(logs_));
     // A file that is gone already still leaves the list and the count.
     ::unlink((logs_ + "/serverLog.4").c_str());
@@ -277,6 +263,8 @@ TEST_F(LoggerTest, DeletionTakesTheOldestFirstWithTiesToTheHead) {
     logger.currentFilesCount = 4;
     logger.deleteoldlogfiles();
     EXPECT_EQ(4, logger.currentFilesCount);
+    EXPECT_EQ(nullptr, logger.findoldnode());
+    EXPECT_EQ(nullptr, logger.findnewnode());
 }
 
 TEST_F(LoggerTest, DeletionPathsBeyond256BytesStillDeleteAndUnfittingOnesNeverWrite) {

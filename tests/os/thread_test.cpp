@@ -119,38 +119,34 @@ TEST(Thread, HeldThreadStartsAtResumeReleasingItsWaiterAndDeleteWaitsForTheBody)
     EXPECT_EQ(1, probe.runs);
 }
 
-TEST(Thread, EveryEndOfTheBodyFinishesAndReleasesWaiters) {
-    for (Body body :
-         {Body::Return, Body::ThrowInt, Body::ThrowException, Body::ThrowText, Body::ExitThread}) {
-        SCOPED_TRACE(static_cast<int>(body));
-        Probe probe;
-        probe.body = body;
-        TestThread* thread = new TestThread(&probe);
-        std::thread waiter([&] {
-            while (!thread->isFinished()) thread->wait();
-        });
-        WaitForWaiters(thread, 1);
-        thread->resume();
-        probe.release.Open();
-        Within("join the waiter", [&] { waiter.join(); });
-        Within("wait on a finished thread", [thread] { thread->wait(); });
-        EXPECT_EQ(0, thread->Waiters());
-        FinishAndDelete(probe, thread);
+TEST(Thread, EveryEndOfTheBodyFinishesReleasesWaitersAndDeletesASelfDeletingObject) {
+    for (int selfDeleting : {0, 1}) {
+        for (Body body :
+             {Body::Return, Body::ThrowInt, Body::ThrowException, Body::ThrowText, Body::ExitThread}) {
+            SCOPED_TRACE(std::to_string(static_cast<int>(body)) + (selfDeleting ? " self-deleting" : ""));
+            Probe probe;
+            probe.body = body;
+            const int before = deletedObjects;
+            TestThread* thread = new TestThread(&probe, selfDeleting);
+            thread->resume();
+            ASSERT_TRUE(probe.entered.WaitOpen(kLongWait));
+            // The waiter is inside wait when the body ends: a self-deleting object must outlive its way out.
+            std::thread waiter([&] {
+                do thread->wait();
+                while (!selfDeleting && !thread->isFinished());
+            });
+            WaitForWaiters(thread, 1);
+            probe.release.Open();
+            Within("join the waiter", [&] { waiter.join(); });
+            if (selfDeleting) {
+                EXPECT_TRUE(ostest::WaitUntil([&] { return deletedObjects == before + 1; }));
+                continue;
+            }
+            Within("wait on a finished thread", [thread] { thread->wait(); });
+            EXPECT_EQ(0, thread->Waiters());
+            FinishAndDelete(probe, thread);
+        }
     }
-}
-
-TEST(Thread, SelfDeletingThreadGoesOnceTheWaiterHasLeft) {
-    Probe probe;
-    int before = deletedObjects;
-    TestThread* thread = new TestThread(&probe, 1);
-    thread->resume();
-    ASSERT_TRUE(probe.entered.WaitOpen(kLongWait));
-    // The caller is inside wait when the body ends; the object must outlive its way out (ASan would see it).
-    std::thread waiter([&] { thread->wait(); });
-    WaitForWaiters(thread, 1);
-    probe.release.Open();
-    Within("join the waiter", [&] { waiter.join(); });
-    EXPECT_TRUE(ostest::WaitUntil([&] { return deletedObjects == before + 1; }));
 }
 
 TEST(Thread, SetPriorityAlwaysGivesNormalPolicyAtZero) {

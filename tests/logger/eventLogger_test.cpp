@@ -196,7 +196,7 @@ TEST_F(LoggerTest, ThreadsRotatingAtEveryLineLoseNoLine) {
             EXPECT_EQ(1u, seen.count("thread " + std::to_string(t) + " line " + std::to_string(i)));
 }
 
-TEST_F(LoggerTest, ScanCountsPlainFilesWithTheExactPrefixAndAppends) {
+TEST_F(LoggerTest, ScanCountsPlainFilesWithTheExactPrefixAppendsAndTakesPathsUpTo254Bytes) {
     ZvEventLogger logger;
     Place(logger);
     const std::string dated = "serverLog.media.01-02-2020.030405.006.txt";
@@ -214,23 +214,21 @@ TEST_F(LoggerTest, ScanCountsPlainFilesWithTheExactPrefixAndAppends) {
     EXPECT_EQ((std::multiset<std::string>{"serverLog.x 11 1000011", "serverLog.x 11 1000011",
                                           dated + " 41 1000041", dated + " 41 1000041"}),
               found);
+    // A directory path of 254 bytes is scanned, a longer one is refused.
+    for (size_t length : {254u, 255u, 400u}) {
+        std::string path = MakeDirOfLength(dir_.path(), length);
+        ASSERT_EQ(length, path.size());
+        msptest::WriteFile(path + "/serverLog.x", "x");
+        free(logger.logFilePath);
+        logger.logFilePath = HeapText(path);
+        EXPECT_EQ(length <= 254 ? 1 : 0, logger.findlogfilesinfo()) << length;
+    }
     // What is no readable directory gives 0 and empties the list.
     for (const std::string& path : {dir_.file("missing"), logs_ + "/serverLog.x"}) {
         free(logger.logFilePath);
         logger.logFilePath = HeapText(path);
         EXPECT_EQ(0, logger.findlogfilesinfo()) << path;
         EXPECT_EQ(nullptr, logger.fileList) << path;
-    }
-}
-
-TEST_F(LoggerTest, ScanTakesADirectoryPathOf254BytesAndRefusesALongerOne) {
-    for (size_t length : {254u, 255u, 400u}) {
-        std::string path = MakeDirOfLength(dir_.path(), length);
-        ASSERT_EQ(length, path.size());
-        msptest::WriteFile(path + "/serverLog.x", "x");
-        ZvEventLogger logger;
-        logger.logFilePath = HeapText(path);
-        EXPECT_EQ(length <= 254 ? 1 : 0, logger.findlogfilesinfo()) << length;
     }
 }
 

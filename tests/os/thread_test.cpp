@@ -20,11 +20,9 @@ using ostest::kLongWait;
 using ostest::kQuiet;
 using ostest::Within;
 
-enum class Body { Return, ThrowInt, ThrowException, ThrowText, ExitThread };
-
 // What a test thread shares with its test; it outlives the thread object.
 struct Probe {
-    Body body = Body::Return;
+    std::function<void()> end = [] {};  // how the body ends
     Gate entered, release;
     std::atomic<int> runs{0};
     int randomValue = 0;
@@ -56,18 +54,7 @@ protected:
         probe->randomValue = rand();
         probe->entered.Open();
         probe->release.WaitOpen(kLongWait);
-        switch (probe->body) {
-            case Body::Return:
-                return;
-            case Body::ThrowInt:
-                throw 42;
-            case Body::ThrowException:
-                throw std::runtime_error("body failed");
-            case Body::ThrowText:
-                throw "body failed";
-            case Body::ExitThread:
-                pthread_exit(nullptr);
-        }
+        probe->end();
     }
 
 private:
@@ -120,12 +107,13 @@ TEST(Thread, HeldThreadStartsAtResumeReleasingItsWaiterAndDeleteWaitsForTheBody)
 }
 
 TEST(Thread, EveryEndOfTheBodyFinishesReleasesWaitersAndDeletesASelfDeletingObject) {
+    const std::function<void()> ends[] = {[] {}, [] { throw 42; }, [] { throw std::runtime_error("failed"); },
+                                          [] { throw "failed"; }, [] { pthread_exit(nullptr); }};
     for (int selfDeleting : {0, 1}) {
-        for (Body body :
-             {Body::Return, Body::ThrowInt, Body::ThrowException, Body::ThrowText, Body::ExitThread}) {
-            SCOPED_TRACE(std::to_string(static_cast<int>(body)) + (selfDeleting ? " self-deleting" : ""));
+        for (const auto& end : ends) {
+            SCOPED_TRACE(std::to_string(&end - ends) + (selfDeleting ? " self-deleting" : ""));
             Probe probe;
-            probe.body = body;
+            probe.end = end;
             const int before = deletedObjects;
             TestThread* thread = new TestThread(&probe, selfDeleting);
             thread->resume();

@@ -29,20 +29,18 @@ inline std::string ConfigText(const std::string& section, const Settings& s) {
            "\r\nlogFileSize=" + std::to_string(s.fileSize) + "\r\nlogFilePath=\"" + s.path + "\"\r\n\r\n";
 }
 
-// Names of the plain files in `dir` that begin with "serverLog.", sorted.
+// The plain files in `dir` whose names begin with "serverLog.", sorted.
 inline std::vector<std::string> LogFiles(const std::string& dir) {
     std::vector<std::string> names;
     DIR* d = ::opendir(dir.c_str());
-    if (!d) return names;
-    // The 64-bit calls: on a 32-bit target the plain ones fail on large inode numbers.
-    while (dirent64* e = ::readdir64(d)) {
-        std::string name = e->d_name;
+    // readdir64: on a 32-bit target the plain call fails on large directory offsets.
+    while (dirent64* e = d ? ::readdir64(d) : nullptr) {
         struct stat64 st;
-        if (name.compare(0, 10, "serverLog.") == 0 && ::stat64((dir + "/" + name).c_str(), &st) == 0 &&
-            S_ISREG(st.st_mode))
-            names.push_back(name);
+        if (std::strncmp(e->d_name, "serverLog.", 10) == 0 &&
+            ::stat64((dir + "/" + e->d_name).c_str(), &st) == 0 && S_ISREG(st.st_mode))
+            names.push_back(e->d_name);
     }
-    ::closedir(d);
+    if (d) ::closedir(d);
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -54,12 +52,9 @@ inline std::vector<std::string> Messages(const std::string& path) {
     const size_t n = sizeof kShape - 1;
     const std::string text = msptest::ReadFile(path);
     std::vector<std::string> messages;
-    for (size_t start = 0, end; start < text.size(); start = end + 1) {
+    for (size_t start = 0, end = 0; start < text.size() && end != std::string::npos; start = end + 1) {
         end = text.find('\n', start);
-        if (end == std::string::npos) {
-            ADD_FAILURE() << path << " ends inside a line";
-            break;
-        }
+        EXPECT_NE(std::string::npos, end) << path << " ends inside a line";
         std::string line = text.substr(start, end - start);
         bool shaped = line.size() >= n;
         for (size_t i = 0; shaped && i < n; ++i)
@@ -75,7 +70,7 @@ inline void SetModifiedTime(const std::string& path, time_t when) {
     ::utime(path.c_str(), &times);
 }
 
-// A string on the logger's heap (it frees its strings and nodes with free).
+// Strings and nodes on the logger's heap (it frees them with free).
 inline char* HeapText(const std::string& text) {
     return ::strdup(text.c_str());
 }

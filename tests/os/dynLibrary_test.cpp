@@ -4,7 +4,8 @@
 
 namespace {
 
-TEST(DynLibrary, LoadsFindsAndFrees) {
+TEST(DynLibrary, LoadsFindsAndFreesAndFailuresGiveNull) {
+    EXPECT_EQ(nullptr, dlibLoadLibrary("/nonexistent/libnothing.so"));
     void* handle = dlibLoadLibrary("libm.so.6");
     ASSERT_NE(nullptr, handle);
     auto cosine = reinterpret_cast<double (*)(double)>(dlibGetFunction(handle, "cos"));
@@ -12,10 +13,6 @@ TEST(DynLibrary, LoadsFindsAndFrees) {
     EXPECT_DOUBLE_EQ(1.0, cosine(0.0));
     EXPECT_EQ(nullptr, dlibGetFunction(handle, "no_such_function_here"));
     EXPECT_EQ(0, dlibFreeLibrary(handle));
-}
-
-TEST(DynLibrary, FailuresGiveNull) {
-    EXPECT_EQ(nullptr, dlibLoadLibrary("/nonexistent/libnothing.so"));
 }
 
 }  // namespace

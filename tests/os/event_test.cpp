@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <sys/time.h>
-#include <time.h>
 
 #include <atomic>
 #include <chrono>
@@ -16,88 +15,69 @@
 
 namespace {
 
-using ostest::kLongWait;
-using ostest::kQuiet;
 using ostest::SystemCallsGuard;
+using ostest::WaitUntil;
 using ostest::Within;
 
-// Counters and records of the swapped system calls; one test at a time uses them.
-std::atomic<int> waitCalls{0};
-std::atomic<int> timedWaitCalls{0};
+// Records of the swapped system calls; one test at a time uses them.
+std::atomic<int> waitCalls{0}, timedWaitCalls{0};
 std::vector<struct timespec> deadlines;
 struct timeval fakeNow;
 
-void ResetCounters() {
-    waitCalls = 0;
-    timedWaitCalls = 0;
-    deadlines.clear();
+// Counts and records, then answers 0 (a spurious wake-up) at the first call, EINTR at the second.
+int SpuriousTimedWait(pthread_cond_t* cond, pthread_mutex_t* mutex, const struct timespec* at) {
+    int call = ++timedWaitCalls;
+    deadlines.push_back(*at);
+    return call == 1 ? 0 : call == 2 ? EINTR : kRealOsSystemCalls.condTimedWait(cond, mutex, at);
+}
+int CountedTimedWait(pthread_cond_t* cond, pthread_mutex_t* mutex, const struct timespec* at) {
+    ++timedWaitCalls;
+    return kRealOsSystemCalls.condTimedWait(cond, mutex, at);
 }
 
-bool WaitUntil(const std::function<bool()>& condition) {
-    auto limit = std::chrono::steady_clock::now() + kLongWait;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > limit) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+class EventTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        waitCalls = 0;
+        timedWaitCalls = 0;
+        deadlines.clear();
     }
-    return true;
-}
+    SystemCallsGuard guard_;
+    Event event_;
+};
 
-TEST(Event, StaysSetThroughWaitsUntilReset) {
-    Event event;
-    EXPECT_EQ(0, event.isSet());
-    event.set();
-    EXPECT_EQ(1, event.isSet());
-    Within("waits on a set event", [&] {
-        event.wait();
-        EXPECT_EQ(1, event.wait(0));
-        EXPECT_EQ(1, event.wait(100000));
-        EXPECT_EQ(1, event.wait(-1));
-        event.wait();
+TEST_F(EventTest, StaysSetThroughWaitsUntilResetAndWaitZeroNeverBlocks) {
+    osSystemCalls.condTimedWait = CountedTimedWait;
+    Within("waits", [&] {
+        EXPECT_EQ(0, event_.wait(0));
+        EXPECT_EQ(1, timedWaitCalls) << "a clear event goes through the time-out";
+        event_.set();
+        event_.wait();
+        for (int ms : {0, 100000, -1}) EXPECT_EQ(1, event_.wait(ms));
+        event_.wait();
+        event_.set();
     });
-    EXPECT_EQ(1, event.isSet());
-    event.set();
-    EXPECT_EQ(1, event.isSet());
-    event.reset();
-    EXPECT_EQ(0, event.isSet());
-    EXPECT_EQ(0, event.wait(0));
-}
-
-TEST(Event, WaitZeroNeverBlocks) {
-    SystemCallsGuard guard;
-    ResetCounters();
-    osSystemCalls.condTimedWait = [](pthread_cond_t* cond, pthread_mutex_t* mutex,
-                                     const struct timespec* at) {
-        ++timedWaitCalls;
-        return kRealOsSystemCalls.condTimedWait(cond, mutex, at);
-    };
-    Event event;
-    Within("wait(0) on a clear event", [&] { EXPECT_EQ(0, event.wait(0)); });
-    EXPECT_EQ(1, timedWaitCalls) << "a clear event goes through the time-out";
-    event.set();
-    Within("wait(0) on a set event", [&] { EXPECT_EQ(1, event.wait(0)); });
     EXPECT_EQ(1, timedWaitCalls) << "a set event does not wait at all";
+    EXPECT_EQ(1, event_.isSet());
+    event_.reset();
+    EXPECT_EQ(0, event_.isSet());
+    EXPECT_EQ(0, event_.wait(0));
 }
 
-TEST(Event, DeadlineCarriesIntoSecondsAndTakesTheArgumentAsUnsigned) {
-    SystemCallsGuard guard;
-    osSystemCalls.getTimeOfDay = [](struct timeval* now) {
-        *now = fakeNow;
-        return 0;
-    };
+TEST_F(EventTest, DeadlineCarriesIntoSecondsAndTakesTheArgumentAsUnsigned) {
+    osSystemCalls.getTimeOfDay = [](struct timeval* now) { return *now = fakeNow, 0; };
     osSystemCalls.condTimedWait = [](pthread_cond_t*, pthread_mutex_t*, const struct timespec* at) {
-        ++timedWaitCalls;
         deadlines.push_back(*at);
         return ETIMEDOUT;
     };
+    const time_t kMax = std::numeric_limits<time_t>::max();
     struct Case {
         time_t seconds;
         long microseconds;
         int milliseconds;
         time_t deadlineSeconds;
         long deadlineNanoseconds;
-    };
-    const time_t kMax = std::numeric_limits<time_t>::max();
-    const Case cases[] = {
+    } const cases[] = {
         {1000, 800000, 1500, 1002, 300000000},
         {1000, 0, 0, 1000, 0},
         {1000, 999999, 1, 1001, 999000},
@@ -107,129 +87,74 @@ TEST(Event, DeadlineCarriesIntoSecondsAndTakesTheArgumentAsUnsigned) {
         {kMax - 10, 0, -1, kMax, 999999999},  // held at the end of time_t
     };
     for (const Case& c : cases) {
-        ResetCounters();
+        deadlines.clear();
         fakeNow.tv_sec = c.seconds;
         fakeNow.tv_usec = c.microseconds;
-        Event event;
-        EXPECT_EQ(0, event.wait(c.milliseconds));
-        ASSERT_EQ(1, timedWaitCalls) << c.milliseconds;
+        EXPECT_EQ(0, event_.wait(c.milliseconds));
+        ASSERT_EQ(1u, deadlines.size()) << c.milliseconds;
         EXPECT_EQ(c.deadlineSeconds, deadlines[0].tv_sec) << c.milliseconds;
         EXPECT_EQ(c.deadlineNanoseconds, deadlines[0].tv_nsec) << c.milliseconds;
     }
 }
 
-TEST(Event, SetWakesATimedWaiter) {
-    SystemCallsGuard guard;
-    ResetCounters();
-    osSystemCalls.condTimedWait = [](pthread_cond_t* cond, pthread_mutex_t* mutex,
-                                     const struct timespec* at) {
-        ++timedWaitCalls;
-        return kRealOsSystemCalls.condTimedWait(cond, mutex, at);
-    };
-    Event event;
-    std::atomic<int> result{-1};
-    std::thread waiter([&] { result = event.wait(600000); });
-    ASSERT_TRUE(WaitUntil([] { return timedWaitCalls >= 1; }));
-    event.set();
-    Within("join the waiter", [&] { waiter.join(); });
-    EXPECT_EQ(1, result);
-    EXPECT_EQ(1, event.isSet());
-}
-
-TEST(Event, SetReleasesExactlyOneOfTwoWaiters) {
-    SystemCallsGuard guard;
-    ResetCounters();
-    osSystemCalls.condWait = [](pthread_cond_t* cond, pthread_mutex_t* mutex) {
-        ++waitCalls;
-        return kRealOsSystemCalls.condWait(cond, mutex);
-    };
-    Event event;
-    std::atomic<int> released{0};
-    std::thread first([&] {
-        event.wait();
+TEST_F(EventTest, SetReleasesExactlyOneOfTwoTimedWaiters) {
+    osSystemCalls.condTimedWait = CountedTimedWait;
+    std::atomic<int> released{0}, results{0};
+    auto wait = [&] {
+        results += event_.wait(600000);
         ++released;
-    });
-    std::thread second([&] {
-        event.wait();
-        ++released;
-    });
+    };
+    std::thread first(wait), second(wait);
     // The counter moves with the mutex held, so a set after it finds both asleep.
-    ASSERT_TRUE(WaitUntil([] { return waitCalls == 2; }));
-    event.set();
+    ASSERT_TRUE(WaitUntil([] { return timedWaitCalls == 2; }));
+    event_.set();
     ASSERT_TRUE(WaitUntil([&] { return released >= 1; }));
-    std::this_thread::sleep_for(kQuiet);
+    std::this_thread::sleep_for(ostest::kQuiet);
     EXPECT_EQ(1, released) << "one signal, not a broadcast";
-    event.set();
+    event_.set();
     Within("join the waiters", [&] {
         first.join();
         second.join();
     });
-    EXPECT_EQ(2, released);
+    EXPECT_EQ(2, results);
 }
 
-TEST(Event, SpuriousWakeUpsAndInterruptionsDoNotEndTheWait) {
-    SystemCallsGuard guard;
-    ResetCounters();
-    // The first two wake-ups come at once, with the event clear: one spurious, one interrupted.
+TEST_F(EventTest, SpuriousWakeUpsAndInterruptionsEndNeitherWait) {
     osSystemCalls.condWait = [](pthread_cond_t* cond, pthread_mutex_t* mutex) {
         int call = ++waitCalls;
-        if (call == 1) return 0;
-        if (call == 2) return EINTR;
-        return kRealOsSystemCalls.condWait(cond, mutex);
+        return call == 1 ? 0 : call == 2 ? EINTR : kRealOsSystemCalls.condWait(cond, mutex);
     };
-    Event event;
+    osSystemCalls.condTimedWait = SpuriousTimedWait;
     std::atomic<bool> returned{false};
     std::thread waiter([&] {
-        event.wait();
+        event_.wait();
         returned = true;
     });
     ASSERT_TRUE(WaitUntil([] { return waitCalls == 3; }));
     EXPECT_FALSE(returned);
-    event.set();
+    event_.set();
     Within("join the waiter", [&] { waiter.join(); });
     EXPECT_EQ(3, waitCalls);
-}
 
-TEST(Event, SpuriousWakeUpsKeepTheTimedWaitsDeadline) {
-    SystemCallsGuard guard;
-    ResetCounters();
-    osSystemCalls.condTimedWait = [](pthread_cond_t* cond, pthread_mutex_t* mutex,
-                                     const struct timespec* at) {
-        int call = ++timedWaitCalls;
-        deadlines.push_back(*at);
-        if (call == 1) return 0;
-        if (call == 2) return EINTR;
-        return kRealOsSystemCalls.condTimedWait(cond, mutex, at);
-    };
-    Event event;
-    struct timeval start, end;
-    gettimeofday(&start, nullptr);
-    EXPECT_EQ(0, event.wait(200));
-    gettimeofday(&end, nullptr);
-    ASSERT_EQ(3, timedWaitCalls);
+    event_.reset();
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, event_.wait(200));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(199));
+    ASSERT_EQ(3u, deadlines.size());
     for (const struct timespec& at : deadlines) {
         EXPECT_EQ(deadlines[0].tv_sec, at.tv_sec);
         EXPECT_EQ(deadlines[0].tv_nsec, at.tv_nsec);
     }
-    long elapsedMs = (end.tv_sec - start.tv_sec) * 1000L + (end.tv_usec - start.tv_usec) / 1000;
-    EXPECT_GE(elapsedMs, 199);
 }
 
-TEST(Event, OtherErrorsEndTheWait) {
-    SystemCallsGuard guard;
-    ResetCounters();
-    osSystemCalls.condWait = [](pthread_cond_t*, pthread_mutex_t*) {
-        ++waitCalls;
-        return EINVAL;
-    };
+TEST_F(EventTest, OtherErrorsEndTheWait) {
+    osSystemCalls.condWait = [](pthread_cond_t*, pthread_mutex_t*) { return ++waitCalls, EINVAL; };
     osSystemCalls.condTimedWait = [](pthread_cond_t*, pthread_mutex_t*, const struct timespec*) {
-        ++timedWaitCalls;
-        return EINVAL;
+        return ++timedWaitCalls, EINVAL;
     };
-    Event event;
     Within("waits that fail", [&] {
-        event.wait();
-        EXPECT_EQ(0, event.wait(600000));
+        event_.wait();
+        EXPECT_EQ(0, event_.wait(600000));
     });
     EXPECT_EQ(1, waitCalls);
     EXPECT_EQ(1, timedWaitCalls);

@@ -1,5 +1,5 @@
-// Helpers of the os tests: a gate that threads wait at, a watchdog for calls that could block for good, and a
-// guard that swaps entries of the library's system-call table for the length of a test.
+// Helpers of the os tests: a gate threads wait at, a watchdog for calls that could block for good, and a
+// guard that restores the library's system-call table.
 #pragma once
 
 #include <chrono>
@@ -14,7 +14,7 @@
 
 namespace ostest {
 
-// Generous bounds: the tests run on a loaded two-core machine and under emulation.
+// Generous: a loaded two-core machine, or emulation.
 constexpr std::chrono::seconds kLongWait(30);
 // How long "has not happened yet" is watched for.
 constexpr std::chrono::milliseconds kQuiet(250);
@@ -26,15 +26,10 @@ public:
         open_ = true;
         cond_.notify_all();
     }
-    // True once open; false if it stayed shut for `limit`.
     template <class Duration>
     bool WaitOpen(Duration limit) {
         std::unique_lock<std::mutex> lock(mutex_);
         return cond_.wait_for(lock, limit, [this] { return open_; });
-    }
-    bool IsOpen() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return open_;
     }
 
 private:
@@ -43,8 +38,7 @@ private:
     bool open_ = false;
 };
 
-// Runs `body` on a thread of its own. A body still blocked after kLongWait ends the test binary: a hang must
-// fail the run, not stall it.
+// Runs `body` on a thread of its own; still blocked after kLongWait, it aborts the binary instead of hanging.
 inline void Within(const char* what, const std::function<void()>& body) {
     Gate done;
     std::thread runner([&] {
@@ -52,23 +46,25 @@ inline void Within(const char* what, const std::function<void()>& body) {
         done.Open();
     });
     if (!done.WaitOpen(kLongWait)) {
-        std::fprintf(stderr, "%s: still blocked after %lld s\n", what,
-                     static_cast<long long>(kLongWait.count()));
+        std::fprintf(stderr, "%s: still blocked\n", what);
         std::abort();
     }
     runner.join();
 }
 
-// Restores the system-call table at the end of the scope.
-class SystemCallsGuard {
-public:
-    SystemCallsGuard() : saved_(osSystemCalls) {}
-    ~SystemCallsGuard() { osSystemCalls = saved_; }
-    SystemCallsGuard(const SystemCallsGuard&) = delete;
-    SystemCallsGuard& operator=(const SystemCallsGuard&) = delete;
+// Polls `condition` for at most kLongWait.
+inline bool WaitUntil(const std::function<bool()>& condition) {
+    auto limit = std::chrono::steady_clock::now() + kLongWait;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > limit) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
 
-private:
-    OsSystemCalls saved_;
+struct SystemCallsGuard {
+    OsSystemCalls saved = osSystemCalls;
+    ~SystemCallsGuard() { osSystemCalls = saved; }
 };
 
 }  // namespace ostest

@@ -1,9 +1,67 @@
 #include "msplatform/unicode.h"
 
 #include <stdint.h>
+#include <string.h>
+#include <wchar.h>
 
-// These run on every directory entry the server walks: each is a single pass that finds the terminator as it
-// goes, instead of measuring the source first.
+// These run on every directory entry the server walks. The short conversions are single passes that find the
+// terminator as they go; the two between UTF-8 and wide text measure the source first, so that they can read
+// it a word at a time without ever touching a byte behind the terminator.
+
+namespace {
+
+uint64_t Load64(const void* p) {
+    uint64_t word;
+    memcpy(&word, p, sizeof word);
+    return word;
+}
+
+constexpr uint64_t kHighBits = 0x8080808080808080u;
+
+// Index of the first byte, in memory order, whose top bit is set in `high` (which holds top bits only, at
+// least one of them).
+unsigned FirstHighByte(uint64_t high) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    return static_cast<unsigned>(__builtin_clzll(high)) >> 3;
+#else
+    return static_cast<unsigned>(__builtin_ctzll(high)) >> 3;
+#endif
+}
+
+// The byte-at-a-time decoder, from `in` (at or before the terminator) to the terminator. Invariant: `in`
+// points at or before the terminator. Only the byte after the lead is tested, and only its top bit; when that
+// bit is set the byte isn't the terminator, so the third byte can still be read. The fourth is read only if
+// the third isn't the terminator: a byte missing behind the end counts as a zero byte, as the terminator
+// itself does when it stands at the place of a continuation byte.
+wchar_t* DecodeToEnd(const unsigned char* in, wchar_t* out) {
+    while (*in != 0) {
+        const uint32_t lead = in[0];
+        const uint32_t next = in[1];
+        if (lead >= 0xF0 && (next & 0x80) != 0) {
+            const uint32_t third = in[2];
+            const uint32_t fourth = third != 0 ? in[3] : 0;
+            *out++ = static_cast<wchar_t>(((lead ^ 0xF0) << 18) | ((next ^ 0x80) << 12) |
+                                          ((third ^ 0x80) << 6) | (fourth ^ 0x80));
+            if (third == 0 || fourth == 0) break;  // the sequence swallowed the terminator
+            in += 4;
+        } else if (lead >= 0xE0 && (next & 0x80) != 0) {
+            const uint32_t third = in[2];
+            *out++ = static_cast<wchar_t>(((lead ^ 0xE0) << 12) | ((next ^ 0x80) << 6) | (third ^ 0x80));
+            if (third == 0) break;
+            in += 3;
+        } else if (lead >= 0xC0 && (next & 0x80) != 0) {
+            *out++ = static_cast<wchar_t>(((lead ^ 0xC0) << 6) | (next ^ 0x80));
+            in += 2;
+        } else {
+            // Not a sequence: a lone Latin-1 byte keeps its value.
+            *out++ = static_cast<wchar_t>(lead);
+            in += 1;
+        }
+    }
+    return out;
+}
+
+}  // namespace
 
 int Convert_CHAR_UCS(const char* source, wchar_t* destination) {
     if (source == nullptr || destination == nullptr) return -1;
@@ -47,35 +105,47 @@ int Convert_UCS_UTF8(const wchar_t* source, unsigned char* destination) {
 int Convert_UTF8_UCS(const unsigned char* source, wchar_t* destination) {
     if (source == nullptr || destination == nullptr) return -1;
     const unsigned char* in = source;
+    const unsigned char* const end = source + strlen(reinterpret_cast<const char*>(source));
     wchar_t* out = destination;
-    // Invariant: `in` points at or before the terminator. Only the byte after the lead is tested, and only
-    // its top bit; when that bit is set the byte isn't the terminator, so the third byte can still be read.
-    // The fourth is read only if the third isn't the terminator: a byte missing behind the end counts as a
-    // zero byte, as the terminator itself does when it stands at the place of a continuation byte.
-    while (*in != 0) {
-        const uint32_t lead = in[0];
-        const uint32_t next = in[1];
-        if (lead >= 0xF0 && (next & 0x80) != 0) {
-            const uint32_t third = in[2];
-            const uint32_t fourth = third != 0 ? in[3] : 0;
-            *out++ = static_cast<wchar_t>(((lead ^ 0xF0) << 18) | ((next ^ 0x80) << 12) |
-                                          ((third ^ 0x80) << 6) | (fourth ^ 0x80));
-            if (third == 0 || fourth == 0) break;  // the sequence swallowed the terminator
-            in += 4;
-        } else if (lead >= 0xE0 && (next & 0x80) != 0) {
-            const uint32_t third = in[2];
-            *out++ = static_cast<wchar_t>(((lead ^ 0xE0) << 12) | ((next ^ 0x80) << 6) | (third ^ 0x80));
-            if (third == 0) break;
-            in += 3;
-        } else if (lead >= 0xC0 && (next & 0x80) != 0) {
-            *out++ = static_cast<wchar_t>(((lead ^ 0xC0) << 6) | (next ^ 0x80));
-            in += 2;
-        } else {
-            // Not a sequence: a lone Latin-1 byte keeps its value.
-            *out++ = static_cast<wchar_t>(lead);
-            in += 1;
+    // While 64 bytes or more are left, at least 16 units are still to come (no sequence is longer than four
+    // bytes), so 16 units may be stored ahead and the bytes of any sequence read without a test for the end.
+    while (end - in >= 64) {
+        // The next 16 bytes, widened as if they were ASCII; only the units before the first high byte stay.
+        unsigned char block[16];
+        memcpy(block, in, sizeof block);  // a copy, so that the compiler need not fear aliasing
+        for (int k = 0; k < 16; ++k) out[k] = static_cast<wchar_t>(block[k]);
+        const uint64_t first = Load64(in) & kHighBits;
+        const uint64_t second = Load64(in + 8) & kHighBits;
+        if ((first | second) == 0) {
+            in += 16;
+            out += 16;
+            continue;
         }
+        const unsigned ascii = first != 0 ? FirstHighByte(first) : 8 + FirstHighByte(second);
+        in += ascii;
+        out += ascii;
+        // Then the run of high bytes, one sequence at a time. Its loop depends on no loaded value but through
+        // branches, so the processor runs ahead on its predictions.
+        do {
+            const uint32_t lead = in[0];
+            const uint32_t next = in[1];
+            if (lead < 0xC0 || (next & 0x80) == 0) {
+                *out++ = static_cast<wchar_t>(lead);
+                in += 1;
+            } else if (lead < 0xE0) {
+                *out++ = static_cast<wchar_t>(((lead ^ 0xC0) << 6) | (next ^ 0x80));
+                in += 2;
+            } else if (lead < 0xF0) {
+                *out++ = static_cast<wchar_t>(((lead ^ 0xE0) << 12) | ((next ^ 0x80) << 6) | (in[2] ^ 0x80u));
+                in += 3;
+            } else {
+                *out++ = static_cast<wchar_t>(((lead ^ 0xF0) << 18) | ((next ^ 0x80) << 12) |
+                                              ((in[2] ^ 0x80u) << 6) | (in[3] ^ 0x80u));
+                in += 4;
+            }
+        } while ((in[0] & 0x80) != 0 && end - in >= 4);
     }
+    out = DecodeToEnd(in, out);
     *out = 0;
     return static_cast<int>(out - destination);
 }

@@ -28,6 +28,14 @@ unsigned FirstHighByte(uint64_t high) {
 #endif
 }
 
+// Stores the four bytes of `bytes` in memory from its lowest byte up, whatever the byte order.
+void Store32LowFirst(unsigned char* p, uint32_t bytes) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    bytes = __builtin_bswap32(bytes);
+#endif
+    memcpy(p, &bytes, sizeof bytes);
+}
+
 // The byte-at-a-time decoder, from `in` (at or before the terminator) to the terminator. Invariant: `in`
 // points at or before the terminator. Only the byte after the lead is tested, and only its top bit; when that
 // bit is set the byte isn't the terminator, so the third byte can still be read. The fourth is read only if
@@ -61,6 +69,95 @@ wchar_t* DecodeToEnd(const unsigned char* in, wchar_t* out) {
     return out;
 }
 
+// Encodes one unit by its low 16 bits.
+unsigned char* EncodeUnit(uint32_t unit, unsigned char* out) {
+    const uint32_t c = unit & 0xFFFFu;
+    if (c < 0x80) {
+        *out++ = static_cast<unsigned char>(c);
+    } else if (c < 0x800) {
+        *out++ = static_cast<unsigned char>(0xC0 + (c >> 6));
+        *out++ = static_cast<unsigned char>(0x80 + (c & 0x3F));
+    } else {
+        *out++ = static_cast<unsigned char>(0xE0 + (c >> 12));
+        *out++ = static_cast<unsigned char>(0x80 + ((c >> 6) & 0x3F));
+        *out++ = static_cast<unsigned char>(0x80 + (c & 0x3F));
+    }
+    return out;
+}
+
+struct Positions {
+    const wchar_t* in;
+    unsigned char* out;
+};
+
+// What a 16-bit value encodes to, by its bits 6..15: bits 0..23 hold its bytes from the first on, ready for
+// one store, with all but bits 0..5 of the value in place (the 0x80 of the last continuation byte, or below
+// 0x80 the value's bit 6); bits 24..28 the shift that puts bits 0..5 of the value into the last byte; bits
+// 30..31 the number of bytes. The fourth byte of the store is left to be overwritten.
+struct EncodeTable {
+    uint32_t entry[1024];
+    constexpr EncodeTable() : entry() {
+        for (uint32_t high = 0; high < 1024; ++high) {
+            uint32_t bytes = 0, length = 0;
+            if (high < 2) {
+                bytes = high << 6, length = 1;
+            } else if (high < 32) {
+                bytes = (0xC0 | high) | (0x80u << 8), length = 2;
+            } else {
+                bytes = (0xE0 | (high >> 6)) | ((0x80 | (high & 0x3F)) << 8) | (0x80u << 16), length = 3;
+            }
+            entry[high] = bytes | ((8 * (length - 1)) << 24) | (length << 30);
+        }
+    }
+};
+constexpr EncodeTable kEncodeTable;
+
+// Copies blocks of 16 ASCII units as bytes while 16 units or more are left before `end`; stops at the first
+// block that isn't all ASCII. Not inlined: its restrict-qualified parameters are what let the compiler treat
+// a block as vectors.
+__attribute__((noinline)) Positions EncodeAsciiBlocks(const wchar_t* __restrict in, const wchar_t* end,
+                                                      unsigned char* __restrict out) {
+    while (end - in >= 16) {
+        uint32_t bits = 0;
+        for (int k = 0; k < 16; ++k) bits |= static_cast<uint32_t>(in[k]);
+        if ((bits & 0xFF80u) != 0) break;
+        for (int k = 0; k < 16; ++k) out[k] = static_cast<unsigned char>(in[k]);
+        in += 16;
+        out += 16;
+    }
+    return {in, out};
+}
+
+// Encodes the `length` units at `in`, none of them the terminator. While 20 units or more are left, every
+// unit stores four bytes and keeps the one to three it needs (at least three more units follow, each of at
+// least one byte), and 16 ASCII units in a row are copied as one block. Not inlined: its restrict-qualified
+// parameters are what let the compiler treat a block as vectors.
+__attribute__((noinline)) unsigned char* EncodeRange(const wchar_t* __restrict in, size_t length,
+                                                     unsigned char* __restrict out) {
+    const wchar_t* const end = in + length;
+    while (end - in >= 20) {
+        uint32_t bits = 0;
+        for (int k = 0; k < 16; ++k) bits |= static_cast<uint32_t>(in[k]);
+        if ((bits & 0xFF80u) == 0) {
+            const Positions at = EncodeAsciiBlocks(in, end, out);
+            in = at.in;
+            out = at.out;
+            continue;
+        }
+        // Mixed text changes width at random: each unit goes through the table, without a branch.
+#pragma GCC unroll 16
+        for (int k = 0; k < 16; ++k) {
+            const uint32_t c = static_cast<uint32_t>(in[k]) & 0xFFFFu;
+            const uint32_t entry = kEncodeTable.entry[c >> 6];
+            Store32LowFirst(out, entry | ((c & 0x3F) << ((entry >> 24) & 31)));
+            out += entry >> 30;
+        }
+        in += 16;
+    }
+    for (; in != end; ++in) out = EncodeUnit(static_cast<uint32_t>(*in), out);
+    return out;
+}
+
 }  // namespace
 
 int Convert_CHAR_UCS(const char* source, wchar_t* destination) {
@@ -83,21 +180,7 @@ int Convert_CHAR_UCS(const char* source, wchar_t* destination, int count) {
 
 int Convert_UCS_UTF8(const wchar_t* source, unsigned char* destination) {
     if (source == nullptr || destination == nullptr) return -1;
-    unsigned char* out = destination;
-    for (const wchar_t* in = source; *in != 0; ++in) {
-        // Only the low 16 bits count: a unit above 0xFFFF loses its plane rather than taking four bytes.
-        const uint32_t c = static_cast<uint32_t>(*in) & 0xFFFFu;
-        if (c < 0x80) {
-            *out++ = static_cast<unsigned char>(c);
-        } else if (c < 0x800) {
-            *out++ = static_cast<unsigned char>(0xC0 + (c >> 6));
-            *out++ = static_cast<unsigned char>(0x80 + (c & 0x3F));
-        } else {
-            *out++ = static_cast<unsigned char>(0xE0 + (c >> 12));
-            *out++ = static_cast<unsigned char>(0x80 + ((c >> 6) & 0x3F));
-            *out++ = static_cast<unsigned char>(0x80 + (c & 0x3F));
-        }
-    }
+    unsigned char* const out = EncodeRange(source, wcslen(source), destination);
     *out = 0;
     return static_cast<int>(out - destination);
 }

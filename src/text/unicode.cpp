@@ -130,19 +130,26 @@ __attribute__((noinline)) Positions EncodeAsciiBlocks(const wchar_t* __restrict 
 
 // Encodes the `length` units at `in`, none of them the terminator. While 20 units or more are left, every
 // unit stores four bytes and keeps the one to three it needs (at least three more units follow, each of at
-// least one byte), and 16 ASCII units in a row are copied as one block. Not inlined: its restrict-qualified
+// least one byte), and blocks of 16 ASCII units are copied as they come; after a block that isn't all ASCII,
+// the next three go through the table untested. Not inlined: its restrict-qualified
 // parameters are what let the compiler treat a block as vectors.
 __attribute__((noinline)) unsigned char* EncodeRange(const wchar_t* __restrict in, size_t length,
                                                      unsigned char* __restrict out) {
     const wchar_t* const end = in + length;
+    unsigned skip = 0;  // blocks to go before the next try for ASCII: mixed text seldom has a whole block
     while (end - in >= 20) {
-        uint32_t bits = 0;
-        for (int k = 0; k < 16; ++k) bits |= static_cast<uint32_t>(in[k]);
-        if ((bits & 0xFF80u) == 0) {
-            const Positions at = EncodeAsciiBlocks(in, end, out);
-            in = at.in;
-            out = at.out;
-            continue;
+        if (skip == 0) {
+            uint32_t bits = 0;
+            for (int k = 0; k < 16; ++k) bits |= static_cast<uint32_t>(in[k]);
+            if ((bits & 0xFF80u) == 0) {
+                const Positions at = EncodeAsciiBlocks(in, end, out);
+                in = at.in;
+                out = at.out;
+                continue;
+            }
+            skip = 3;
+        } else {
+            --skip;
         }
         // Mixed text changes width at random: each unit goes through the table, without a branch.
 #pragma GCC unroll 16

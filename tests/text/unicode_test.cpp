@@ -408,14 +408,15 @@ Bytes ReferenceEncode(const Units& units) {
     return bytes;
 }
 
-// Texts long enough for the word-at-a-time loops, made of pieces of one kind each (ASCII runs, sequences,
-// stray and cut sequences, units of every width), ending at every offset around the loops' blocks; each
-// output buffer is exactly as long as the result plus its terminator, and ends at a guard page.
+// Texts long enough for the block loops, made of pieces of one kind each (ASCII runs, sequences, stray and
+// cut sequences, units of every width), ending at every offset around the loops' blocks, some long enough
+// to go from blocks of ASCII to other blocks and back; each output buffer is exactly as long as the result
+// plus its terminator, and ends at a guard page.
 TEST(Conversions, TextsAcrossWordBlocksFollowTheTables) {
     std::mt19937 random(20261124);
     auto pick = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
     for (int round = 0; round < 3000; ++round) {
-        const size_t length = 40 + static_cast<size_t>(round % 120);
+        const size_t length = round % 10 == 9 ? 300 + pick(700) : 40 + static_cast<size_t>(round % 120);
         const uint32_t flavour =
             pick(4);  // 0: well-formed, 1: mostly ASCII, 2: anything, 3: high runs and cuts
         Bytes text;

@@ -36,37 +36,93 @@ void Store32LowFirst(unsigned char* p, uint32_t bytes) {
     memcpy(p, &bytes, sizeof bytes);
 }
 
-// The byte-at-a-time decoder, from `in` (at or before the terminator) to the terminator. Invariant: `in`
-// points at or before the terminator. Only the byte after the lead is tested, and only its top bit; when that
-// bit is set the byte isn't the terminator, so the third byte can still be read. The fourth is read only if
-// the third isn't the terminator: a byte missing behind the end counts as a zero byte, as the terminator
-// itself does when it stands at the place of a continuation byte.
-wchar_t* DecodeToEnd(const unsigned char* in, wchar_t* out) {
-    while (*in != 0) {
-        const uint32_t lead = in[0];
+struct DecodePositions {
+    const unsigned char* in;
+    wchar_t* out;
+    bool done;  // the terminator was reached (or swallowed by a cut sequence)
+};
+
+// The byte-at-a-time decoder, from `in` (at or before the terminator) to the terminator, or until `out`
+// reaches `stop` (never, for a null `stop`). Invariant: `in` points at or before the terminator. Only the
+// byte after the lead is tested, and only its top bit; when that bit is set the byte isn't the terminator, so
+// the third byte can still be read. The fourth is read only if the third isn't the terminator: a byte missing
+// behind the end counts as a zero byte, as the terminator itself does when it stands at the place of a
+// continuation byte.
+DecodePositions DecodeBytes(const unsigned char* in, wchar_t* out, const wchar_t* stop) {
+    for (uint32_t lead; (lead = in[0]) != 0;) {
+        if (out == stop) return {in, out, false};
+        if (lead < 0x80) {
+            *out++ = static_cast<wchar_t>(lead);
+            in += 1;
+            continue;
+        }
         const uint32_t next = in[1];
-        if (lead >= 0xF0 && (next & 0x80) != 0) {
+        if (lead < 0xC0 || (next & 0x80) == 0) {
+            // Not a sequence: a lone Latin-1 byte keeps its value.
+            *out++ = static_cast<wchar_t>(lead);
+            in += 1;
+        } else if (lead < 0xE0) {
+            *out++ = static_cast<wchar_t>(((lead ^ 0xC0) << 6) | (next ^ 0x80));
+            in += 2;
+        } else if (lead < 0xF0) {
+            const uint32_t third = in[2];
+            *out++ = static_cast<wchar_t>(((lead ^ 0xE0) << 12) | ((next ^ 0x80) << 6) | (third ^ 0x80));
+            if (third == 0) return {in, out, true};  // the sequence swallowed the terminator
+            in += 3;
+        } else {
             const uint32_t third = in[2];
             const uint32_t fourth = third != 0 ? in[3] : 0;
             *out++ = static_cast<wchar_t>(((lead ^ 0xF0) << 18) | ((next ^ 0x80) << 12) |
                                           ((third ^ 0x80) << 6) | (fourth ^ 0x80));
-            if (third == 0 || fourth == 0) break;  // the sequence swallowed the terminator
+            if (third == 0 || fourth == 0) return {in, out, true};
             in += 4;
-        } else if (lead >= 0xE0 && (next & 0x80) != 0) {
-            const uint32_t third = in[2];
-            *out++ = static_cast<wchar_t>(((lead ^ 0xE0) << 12) | ((next ^ 0x80) << 6) | (third ^ 0x80));
-            if (third == 0) break;
-            in += 3;
-        } else if (lead >= 0xC0 && (next & 0x80) != 0) {
-            *out++ = static_cast<wchar_t>(((lead ^ 0xC0) << 6) | (next ^ 0x80));
-            in += 2;
-        } else {
-            // Not a sequence: a lone Latin-1 byte keeps its value.
-            *out++ = static_cast<wchar_t>(lead);
-            in += 1;
         }
     }
-    return out;
+    return {in, out, true};
+}
+
+// Decodes from `in` to the terminator, measuring first: while 64 bytes or more are left, at least 16 units
+// are still to come (no sequence is longer than four bytes), so 16 units may be stored ahead and the bytes of
+// any sequence read without a test for the end.
+wchar_t* DecodeLong(const unsigned char* in, wchar_t* out) {
+    const unsigned char* const end = in + strlen(reinterpret_cast<const char*>(in));
+    while (end - in >= 64) {
+        // The next 16 bytes, widened as if they were ASCII; only the units before the first high byte stay.
+        unsigned char block[16];
+        memcpy(block, in, sizeof block);  // a copy, so that the compiler need not fear aliasing
+        for (int k = 0; k < 16; ++k) out[k] = static_cast<wchar_t>(block[k]);
+        const uint64_t first = Load64(in) & kHighBits;
+        const uint64_t second = Load64(in + 8) & kHighBits;
+        if ((first | second) == 0) {
+            in += 16;
+            out += 16;
+            continue;
+        }
+        const unsigned ascii = first != 0 ? FirstHighByte(first) : 8 + FirstHighByte(second);
+        in += ascii;
+        out += ascii;
+        // Then the run of high bytes, one sequence at a time. Its loop depends on no loaded value but through
+        // branches, so the processor runs ahead on its predictions.
+        do {
+            const uint32_t lead = in[0];
+            const uint32_t next = in[1];
+            if (lead < 0xC0 || (next & 0x80) == 0) {
+                *out++ = static_cast<wchar_t>(lead);
+                in += 1;
+            } else if (lead < 0xE0) {
+                *out++ = static_cast<wchar_t>(((lead ^ 0xC0) << 6) | (next ^ 0x80));
+                in += 2;
+            } else if (lead < 0xF0) {
+                *out++ = static_cast<wchar_t>(((lead ^ 0xE0) << 12) | ((next ^ 0x80) << 6) | (in[2] ^ 0x80u));
+                in += 3;
+            } else {
+                *out++ = static_cast<wchar_t>(((lead ^ 0xF0) << 18) | ((next ^ 0x80) << 12) |
+                                              ((in[2] ^ 0x80u) << 6) | (in[3] ^ 0x80u));
+                in += 4;
+            }
+        } while ((in[0] & 0x80) != 0 && end - in >= 4);
+    }
+    return DecodeBytes(in, out, nullptr).out;
 }
 
 // Encodes one unit by its low 16 bits.
@@ -187,57 +243,31 @@ int Convert_CHAR_UCS(const char* source, wchar_t* destination, int count) {
 
 int Convert_UCS_UTF8(const wchar_t* source, unsigned char* destination) {
     if (source == nullptr || destination == nullptr) return -1;
-    unsigned char* const out = EncodeRange(source, wcslen(source), destination);
+    // Short texts, such as file names, go unit by unit in one pass; a text of more than 64 units is measured
+    // from there on, for the block loop.
+    unsigned char* out = destination;
+    int left = 64;
+    for (const wchar_t* in = source; *in != 0; ++in, --left) {
+        if (left == 0) {
+            out = EncodeRange(in, wcslen(in), out);
+            break;
+        }
+        out = EncodeUnit(static_cast<uint32_t>(*in), out);
+    }
     *out = 0;
     return static_cast<int>(out - destination);
 }
 
 int Convert_UTF8_UCS(const unsigned char* source, wchar_t* destination) {
     if (source == nullptr || destination == nullptr) return -1;
-    const unsigned char* in = source;
-    const unsigned char* const end = source + strlen(reinterpret_cast<const char*>(source));
-    wchar_t* out = destination;
-    // While 64 bytes or more are left, at least 16 units are still to come (no sequence is longer than four
-    // bytes), so 16 units may be stored ahead and the bytes of any sequence read without a test for the end.
-    while (end - in >= 64) {
-        // The next 16 bytes, widened as if they were ASCII; only the units before the first high byte stay.
-        unsigned char block[16];
-        memcpy(block, in, sizeof block);  // a copy, so that the compiler need not fear aliasing
-        for (int k = 0; k < 16; ++k) out[k] = static_cast<wchar_t>(block[k]);
-        const uint64_t first = Load64(in) & kHighBits;
-        const uint64_t second = Load64(in + 8) & kHighBits;
-        if ((first | second) == 0) {
-            in += 16;
-            out += 16;
-            continue;
-        }
-        const unsigned ascii = first != 0 ? FirstHighByte(first) : 8 + FirstHighByte(second);
-        in += ascii;
-        out += ascii;
-        // Then the run of high bytes, one sequence at a time. Its loop depends on no loaded value but through
-        // branches, so the processor runs ahead on its predictions.
-        do {
-            const uint32_t lead = in[0];
-            const uint32_t next = in[1];
-            if (lead < 0xC0 || (next & 0x80) == 0) {
-                *out++ = static_cast<wchar_t>(lead);
-                in += 1;
-            } else if (lead < 0xE0) {
-                *out++ = static_cast<wchar_t>(((lead ^ 0xC0) << 6) | (next ^ 0x80));
-                in += 2;
-            } else if (lead < 0xF0) {
-                *out++ = static_cast<wchar_t>(((lead ^ 0xE0) << 12) | ((next ^ 0x80) << 6) | (in[2] ^ 0x80u));
-                in += 3;
-            } else {
-                *out++ = static_cast<wchar_t>(((lead ^ 0xF0) << 18) | ((next ^ 0x80) << 12) |
-                                              ((in[2] ^ 0x80u) << 6) | (in[3] ^ 0x80u));
-                in += 4;
-            }
-        } while ((in[0] & 0x80) != 0 && end - in >= 4);
+    // Short texts, such as file names, go byte by byte in one pass; a text that gives more than 64 units is
+    // measured from there on, for the block loop.
+    DecodePositions at = DecodeBytes(source, destination, destination + 64);
+    if (!at.done) {
+        at.out = DecodeLong(at.in, at.out);
     }
-    out = DecodeToEnd(in, out);
-    *out = 0;
-    return static_cast<int>(out - destination);
+    *at.out = 0;
+    return static_cast<int>(at.out - destination);
 }
 
 int Convert_UCS_CHAR(const wchar_t* source, char* destination) {

@@ -416,7 +416,7 @@ TEST(Conversions, TextsAcrossWordBlocksFollowTheTables) {
     std::mt19937 random(20261124);
     auto pick = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
     for (int round = 0; round < 3000; ++round) {
-        const size_t length = round % 10 == 9 ? 300 + pick(700) : 40 + static_cast<size_t>(round % 120);
+        const size_t length = round % 10 == 9 ? 300 + pick(700) : 40 + static_cast<size_t>(round % 220);
         const uint32_t flavour =
             pick(4);  // 0: well-formed, 1: mostly ASCII, 2: anything, 3: high runs and cuts
         Bytes text;

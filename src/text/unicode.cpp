@@ -4,9 +4,9 @@
 #include <string.h>
 #include <wchar.h>
 
-// These run on every directory entry the server walks. The short conversions are single passes that find the
-// terminator as they go; the two between UTF-8 and wide text measure the source first, so that they can read
-// it a word at a time without ever touching a byte behind the terminator.
+// These run on every directory entry the server walks. Short texts go through single passes that find the
+// terminator as they go; past their first 64 units, the two conversions between UTF-8 and wide text measure
+// the rest, so that they can read it a block at a time without ever touching a byte behind the terminator.
 
 namespace {
 
@@ -101,8 +101,9 @@ wchar_t* DecodeLong(const unsigned char* in, wchar_t* out) {
         const unsigned ascii = first != 0 ? FirstHighByte(first) : 8 + FirstHighByte(second);
         in += ascii;
         out += ascii;
-        // Then the run of high bytes, one sequence at a time. Its loop depends on no loaded value but through
-        // branches, so the processor runs ahead on its predictions.
+        // Then the run of high bytes, one sequence at a time, each with four bytes or more left before the
+        // end. The input moves on by constants that branches choose, not by a loaded length, so the
+        // processor runs ahead on its predictions.
         do {
             const uint32_t lead = in[0];
             const uint32_t next = in[1];
@@ -187,12 +188,11 @@ __attribute__((noinline)) Positions EncodeAsciiBlocks(const wchar_t* __restrict 
 // Encodes the `length` units at `in`, none of them the terminator. While 20 units or more are left, every
 // unit stores four bytes and keeps the one to three it needs (at least three more units follow, each of at
 // least one byte), and blocks of 16 ASCII units are copied as they come; after a block that isn't all ASCII,
-// the next three go through the table untested. Not inlined: its restrict-qualified
-// parameters are what let the compiler treat a block as vectors.
+// the next three go through the table untested. Not inlined, like the function above.
 __attribute__((noinline)) unsigned char* EncodeRange(const wchar_t* __restrict in, size_t length,
                                                      unsigned char* __restrict out) {
     const wchar_t* const end = in + length;
-    unsigned skip = 0;  // blocks to go before the next try for ASCII: mixed text seldom has a whole block
+    unsigned skip = 0;  // blocks to go before the next test for ASCII: mixed text seldom has a whole block
     while (end - in >= 20) {
         if (skip == 0) {
             uint32_t bits = 0;

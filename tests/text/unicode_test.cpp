@@ -388,6 +388,92 @@ TEST(Conversions, RandomInputStaysInBoundsAndFollowsTheTables) {
     }
 }
 
+// The encoder as its table reads: the oracle for the texts below.
+Bytes ReferenceEncode(const Units& units) {
+    Bytes bytes;
+    for (wchar_t u : units) {
+        const uint32_t c = static_cast<uint32_t>(u) & 0xFFFF;
+        if (c < 0x80) {
+            bytes.push_back(static_cast<unsigned char>(c));
+        } else if (c < 0x800) {
+            bytes.push_back(static_cast<unsigned char>(0xC0 + (c >> 6)));
+            bytes.push_back(static_cast<unsigned char>(0x80 + (c & 0x3F)));
+        } else {
+            bytes.push_back(static_cast<unsigned char>(0xE0 + (c >> 12)));
+            bytes.push_back(static_cast<unsigned char>(0x80 + ((c >> 6) & 0x3F)));
+            bytes.push_back(static_cast<unsigned char>(0x80 + (c & 0x3F)));
+        }
+    }
+    bytes.push_back(0);
+    return bytes;
+}
+
+// Texts long enough for the block loops, made of pieces of one kind each (ASCII runs, sequences, stray and
+// cut sequences, units of every width), ending at every offset around the loops' blocks, some long enough
+// to go from blocks of ASCII to other blocks and back; each output buffer is exactly as long as the result
+// plus its terminator, and ends at a guard page.
+TEST(Conversions, TextsAcrossWordBlocksFollowTheTables) {
+    std::mt19937 random(20261124);
+    auto pick = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
+    for (int round = 0; round < 3000; ++round) {
+        const size_t length = round % 10 == 9 ? 300 + pick(700) : 40 + static_cast<size_t>(round % 220);
+        const uint32_t flavour =
+            pick(4);  // 0: well-formed, 1: mostly ASCII, 2: anything, 3: high runs and cuts
+        Bytes text;
+        while (text.size() < length) {
+            const uint32_t kind =
+                flavour == 1 ? (pick(8) == 0 ? 1 + pick(4) : 0) : pick(flavour == 0 ? 4 : 7);
+            if (kind == 0) {
+                for (uint32_t n = 1 + pick(20); n > 0; --n)
+                    text.push_back(static_cast<unsigned char>(1 + pick(127)));
+            } else if (kind <= 3) {  // a well-formed sequence of kind + 1 bytes
+                static const unsigned char kLeads[] = {0xC0, 0xE0, 0xF0};
+                text.push_back(static_cast<unsigned char>(kLeads[kind - 1] | pick(kind == 1 ? 32 : 16)));
+                for (uint32_t n = kind; n > 0; --n)
+                    text.push_back(static_cast<unsigned char>(0x80 | pick(64)));
+            } else if (kind == 4) {  // a lead, then an ASCII byte
+                text.push_back(static_cast<unsigned char>(0xC0 + pick(64)));
+                text.push_back(static_cast<unsigned char>(1 + pick(127)));
+            } else if (flavour == 3) {  // a long run of high bytes, which may reach the end
+                for (uint32_t n = 1 + pick(90); n > 0; --n)
+                    text.push_back(static_cast<unsigned char>(0x80 + pick(128)));
+            } else {  // any non-zero bytes
+                for (uint32_t n = 1 + pick(6); n > 0; --n)
+                    text.push_back(static_cast<unsigned char>(1 + pick(255)));
+            }
+        }
+        text.resize(length);
+        if (flavour == 3)
+            text.back() = static_cast<unsigned char>(0xE0 + pick(32));  // a sequence cut by the end
+
+        const std::vector<uint32_t> expected = ReferenceDecode(text);
+        GuardedText<unsigned char> source(text);
+        Guarded<wchar_t> decoded(expected.size());
+        ASSERT_EQ(static_cast<int>(expected.size()) - 1, Convert_UTF8_UCS(source.data(), decoded.data()))
+            << ::testing::PrintToString(text);
+        const Units got = decoded.take(expected.size());
+        ASSERT_EQ(expected, std::vector<uint32_t>(got.begin(), got.end())) << ::testing::PrintToString(text);
+
+        // The other way, over units of every width and bits above 16.
+        Units units;
+        while (units.size() < length) {
+            static const uint32_t kTops[] = {0x80, 0x800, 0x10000, 0xFFFFFFFFu};
+            const uint32_t top = kTops[flavour == 1 ? (pick(8) == 0 ? 1 + pick(3) : 0) : pick(4)];
+            for (uint32_t n = 1 + pick(12); n > 0; --n) {
+                uint32_t v = static_cast<uint32_t>(random()) % top;
+                if (v == 0) v = 0x10000;  // a zero low half: a zero byte, counted, inside the text
+                units.push_back(static_cast<wchar_t>(v));
+            }
+        }
+        units.resize(length);
+        const Bytes bytes = ReferenceEncode(units);
+        GuardedText<wchar_t> wide(units);
+        Guarded<unsigned char> encoded(bytes.size());
+        ASSERT_EQ(static_cast<int>(bytes.size()) - 1, Convert_UCS_UTF8(wide.data(), encoded.data())) << round;
+        ASSERT_EQ(bytes, encoded.take(bytes.size())) << round;
+    }
+}
+
 TEST(Conversions, LongAsciiRunsBetweenOtherCharactersFollowTheTables) {
     // ASCII runs of every length around the block sizes of the conversions, between multi-byte characters
     // and stray high bytes, in both directions.

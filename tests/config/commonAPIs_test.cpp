@@ -45,51 +45,46 @@ protected:
     msptest::ScopedChdir chdir_;
 };
 
-// The value whole, or for a missing key, section or file and an integer key: -1 with *paths and the file
-// left alone (no file made).
+// The value, or the code with what went to stderr and whether *paths was touched.
+std::string ScanPaths() {
+    unsigned char sentinel = 0;
+    unsigned char* paths = &sentinel;
+    msptest::CaptureFd err(2);
+    const int rc = getConfigScanPaths(&paths);
+    std::string out = err.Finish();
+    if (rc != 0) return std::to_string(rc) + " " + out + (paths == &sentinel ? "" : "touched");
+    out += reinterpret_cast<char*>(paths);
+    free(paths);
+    return out;
+}
+
+// A missing key, section or file and an integer key fail, leave the file alone and make none.
 TEST_F(CommonApis, ScanPaths) {
+    const std::string fail = "-1 get config len\n";
     const std::pair<std::string, std::string> cases[] = {
         {"[MCM]\r\nscanPaths=\"/share/Music;/share/Vid\xC3\xA9os\"\r\n\r\n",
          "/share/Music;/share/Vid\xC3\xA9os"},
         {"[MCM]\r\nscanPaths=\"\"\r\n\r\n", ""},
-        {"[MCM]\r\nother=\"x\"\r\n\r\n", "-1"},
-        {"[upnp]\r\nserverName=\"n\"\r\n\r\n", "-1"},
-        {"[MCM]\r\nscanPaths=5\r\n\r\n", "-1"},
-        {"", "-1"}};
+        {"[MCM]\r\nother=\"x\"\r\n\r\n", fail},
+        {"[upnp]\r\nserverName=\"n\"\r\n\r\n", fail},
+        {"[MCM]\r\nscanPaths=5\r\n\r\n", fail},
+        {"", fail}};
     for (const auto& [file, expected] : cases) {
         SetConfig(file);
-        unsigned char sentinel = 0;
-        unsigned char* paths = &sentinel;
-        msptest::CaptureFd err(2);
-        const int rc = getConfigScanPaths(&paths);
-        EXPECT_EQ(err.Finish(), rc == 0 ? "" : "get config len\n") << file;
-        if (rc == 0) {
-            EXPECT_EQ(reinterpret_cast<char*>(paths), expected);
-            free(paths);
-        } else {
-            EXPECT_EQ("-1", expected) << file;
-            EXPECT_EQ(paths, &sentinel) << file;
-        }
+        EXPECT_EQ(ScanPaths(), expected) << file;
         EXPECT_EQ(file.empty() ? "" : Config(), file);
         EXPECT_EQ(file.empty(), !msptest::FileExists(dir_.file("MediaServer.cfg")));
     }
     EXPECT_EQ(getConfigScanPaths(nullptr), -1);
-}
-
-// The helpers leave the store initialised on the relative name; a store the process initialised before stays
-// on its own path.
-TEST_F(CommonApis, StoreStaysOnThePathGivenFirst) {
+    // The helpers leave the store initialised on the relative name; a store initialised before stays on its
+    // own path.
     SetConfig("[MCM]\r\nscanPaths=\"here\"\r\n\r\n");
     msptest::TempDir other;
     msptest::WriteFile(other.file("other.cfg"), "[MCM]\r\nscanPaths=\"there\"\r\n\r\n");
     ASSERT_EQ(initializeConfig(other.file("other.cfg").c_str()), 1);
-    for (const char* expected : {"there", "here"}) {
-        unsigned char* paths = nullptr;
-        ASSERT_EQ(getConfigScanPaths(&paths), 0);
-        EXPECT_STREQ(reinterpret_cast<char*>(paths), expected);
-        free(paths);
-        if (*expected == 't') deinitializeConfig();
-    }
+    EXPECT_EQ(ScanPaths(), "there");
+    deinitializeConfig();
+    EXPECT_EQ(ScanPaths(), "here");
     EXPECT_EQ(initializeConfig("elsewhere.cfg"), -7);
 }
 
@@ -108,10 +103,7 @@ TEST_F(CommonApis, ScanPathsGrowingBetweenTheTwoReadsStayTerminated) {
         return 0;
     });
     for (int i = 0; i < 400; ++i) {
-        unsigned char* paths = nullptr;
-        ASSERT_EQ(getConfigScanPaths(&paths), 0);
-        const std::string got(reinterpret_cast<char*>(paths));
-        free(paths);
+        const std::string got = ScanPaths();
         ASSERT_TRUE(got == "/s" || longValue.compare(0, got.size(), got) == 0) << got;
     }
     EXPECT_EQ(msptest::WaitChild(writer, 60000), 0);

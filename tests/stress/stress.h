@@ -7,19 +7,14 @@
 
 namespace stress {
 
-inline bool Long() {
-    const char* v = getenv("MSPLATFORM_STRESS_LONG");
-    return v && *v && strcmp(v, "0") != 0;
-}
-
-// A count for the short run, multiplied for the long one; MSPLATFORM_STRESS_SCALE=n divides it by n, for
-// runs under slow tools such as valgrind.
+// A count for the short run, multiplied for the long one; MSPLATFORM_STRESS_SCALE=n divides it by n (for
+// slow tools such as valgrind).
 inline int Scaled(int shortCount, int longFactor) {
-    int n = Long() ? shortCount * longFactor : shortCount;
-    const char* v = getenv("MSPLATFORM_STRESS_SCALE");
-    const int divisor = v ? atoi(v) : 1;
-    if (divisor > 1) n = n / divisor > 0 ? n / divisor : 1;
-    return n;
+    const char* longRun = getenv("MSPLATFORM_STRESS_LONG");
+    const char* scale = getenv("MSPLATFORM_STRESS_SCALE");
+    const int n = longRun && *longRun && strcmp(longRun, "0") != 0 ? shortCount * longFactor : shortCount;
+    const int divisor = scale ? atoi(scale) : 1;
+    return divisor > 1 ? (n / divisor > 0 ? n / divisor : 1) : n;
 }
 
 inline long long NowMs() {

@@ -1,6 +1,6 @@
-// Many processes on one MediaServer.cfg at once, each running a fixed plan of mixed operations: creates of
-// its own keys, sets of its own keys, and sets and gets of keys that all of them share. Every get must see a
-// value that some set wrote; at the end every own key must hold the last value its process gave it.
+// Eight processes on one MediaServer.cfg, each running a fixed plan of creates and sets of its own keys and
+// sets and gets of shared ones: every get must see a value that some set wrote, and at the end every own key
+// must hold the last value its process gave it.
 #include "msplatform/ZvCfgCtrlMgr.h"
 
 #include <stdio.h>
@@ -15,122 +15,78 @@
 
 namespace {
 
-constexpr int kProcesses = 8;
-constexpr int kShared = 4;
-constexpr int kChildMs = 600000;
+constexpr int kProcesses = 8, kShared = 4;
 char kSection[] = "stress";
 
 char* C(const std::string& s) {
     return const_cast<char*>(s.c_str());
 }
-
-std::string SharedInt(int n) {
-    return "sharedInt" + std::to_string(n);
-}
-std::string SharedText(int n) {
-    return "sharedText" + std::to_string(n);
-}
-std::string OwnKey(int p, int k) {
-    return "p" + std::to_string(p) + "k" + std::to_string(k);
-}
-
-// A value written by process p at step i; every value that any set writes is one of these.
 int IntValue(int p, int i) {
     return (p + 1) * 100000 + i;
 }
-std::string TextValue(int p, int i) {
+std::string Text(int p, int i) {
     return "p" + std::to_string(p) + "i" + std::to_string(i);
 }
-bool WrittenInt(int v, int steps) {
-    const int p = v / 100000 - 1, i = v % 100000;
-    return v == 0 || (p >= 0 && p < kProcesses && i < steps);
-}
-bool WrittenText(const std::string& v, int steps) {
-    if (v == "initial") return true;
-    int p = -1, i = -1;
-    char tail;
-    if (sscanf(v.c_str(), "p%di%d%c", &p, &i, &tail) != 2) return false;
-    return p >= 0 && p < kProcesses && i >= 0 && i < steps && v == TextValue(p, i);
+std::string Own(int p, int k) {
+    return "p" + std::to_string(p) + "k" + std::to_string(k);
 }
 
-enum class Op { kCreateOwn, kSetOwn, kSetShared, kGetShared };
-
-// The plan of process p: the operation of each step, the same in the child that runs it and in the parent
-// that checks the end state. Own keys alternate between integers (even) and strings (odd).
+// Step i of process p, the same in the child that runs it and in the parent that checks the end: 20 % create
+// an own key (even ones int, odd ones string), 20 % set own key `key`, 30 % set a shared key, 30 % get both.
+enum Op { kCreate, kSetOwn, kSetShared, kGet };
 struct Plan {
-    explicit Plan(int p) : state(static_cast<unsigned>(p) * 2654435761u + 1) {}
-    Op next() {
-        state = state * 1103515245u + 12345u;
-        const unsigned r = (state >> 16) % 10;
-        if (r < 2 || created == 0) return Op::kCreateOwn;
-        if (r < 4) return Op::kSetOwn;
-        if (r < 7) return Op::kSetShared;
-        return Op::kGetShared;
+    int p, created = 0;
+    std::pair<Op, int> next(int i) {
+        unsigned x = static_cast<unsigned>(p) * 2654435761u ^ static_cast<unsigned>(i) * 2246822519u;
+        x = (x ^ (x >> 15)) * 2654435761u;
+        x ^= x >> 13;
+        if (x % 10 < 2 || created == 0) return {kCreate, created++};
+        return {x % 10 < 4 ? kSetOwn : x % 10 < 7 ? kSetShared : kGet, static_cast<int>((x >> 8) % created)};
     }
-    unsigned state;
-    int created = 0;
 };
 
-// Runs the plan; 0 when every operation gave what it must, else the step plus one.
+int Put(bool create, const std::string& key, bool isInt, int p, int i) {
+    if (isInt)
+        return create ? createConfigInt(kSection, C(key), IntValue(p, i))
+                      : setConfigInt(kSection, C(key), IntValue(p, i));
+    const std::string v = Text(p, i);
+    unsigned char* u = reinterpret_cast<unsigned char*>(C(v));
+    return create ? createConfigString(kSection, C(key), u, static_cast<int>(v.size()))
+                  : setConfigString(kSection, C(key), u, static_cast<int>(v.size()));
+}
+
+bool Written(int v, int steps) {
+    const int p = v / 100000 - 1;
+    return v == 0 || (p >= 0 && p < kProcesses && v % 100000 < steps);
+}
+bool Written(const std::string& v, int steps) {
+    int p = -1, i = -1;
+    return v == "initial" || (sscanf(v.c_str(), "p%di%d", &p, &i) == 2 && p >= 0 && p < kProcesses &&
+                              i >= 0 && i < steps && v == Text(p, i));
+}
+
+// 0 when every operation gave what it must, else the step plus one.
 int RunPlan(int p, int steps) {
-    Plan plan(p);
+    Plan plan{p};
     for (int i = 0; i < steps; ++i) {
-        const Op op = plan.next();
-        const int shared = i % kShared;
-        int rc = CFG_OK;
-        switch (op) {
-            case Op::kCreateOwn: {
-                const int k = plan.created++;
-                if (k % 2 == 0) {
-                    rc = createConfigInt(kSection, C(OwnKey(p, k)), IntValue(p, i));
-                } else {
-                    std::string v = TextValue(p, i);
-                    rc = createConfigString(kSection, C(OwnKey(p, k)), reinterpret_cast<unsigned char*>(C(v)),
-                                            static_cast<int>(v.size()));
-                }
-                break;
-            }
-            case Op::kSetOwn: {
-                const int k = static_cast<int>((plan.state >> 8) % static_cast<unsigned>(plan.created));
-                if (k % 2 == 0) {
-                    rc = setConfigInt(kSection, C(OwnKey(p, k)), IntValue(p, i));
-                } else {
-                    std::string v = TextValue(p, i);
-                    rc = setConfigString(kSection, C(OwnKey(p, k)),
-                                         reinterpret_cast<const unsigned char*>(v.data()),
-                                         static_cast<int>(v.size()));
-                }
-                break;
-            }
-            case Op::kSetShared:
-                if (i % 2) {
-                    rc = setConfigInt(kSection, C(SharedInt(shared)), IntValue(p, i));
-                } else {
-                    std::string v = TextValue(p, i);
-                    rc = setConfigString(kSection, C(SharedText(shared)),
-                                         reinterpret_cast<const unsigned char*>(v.data()),
-                                         static_cast<int>(v.size()));
-                }
-                break;
-            case Op::kGetShared: {
-                int v = -1;
-                rc = getConfigInt(kSection, C(SharedInt(shared)), v);
-                if (rc == CFG_OK && !WrittenInt(v, steps)) return i + 1;
-                if (rc != CFG_OK) break;
-                int length = -1;
-                rc = getConfigStringLen(kSection, C(SharedText(shared)), length);
-                if (rc != CFG_OK) break;
-                // The value may change between the two calls: a longer one comes back cut and unterminated,
-                // which the byte behind the length shows, and is not checked.
-                std::vector<unsigned char> buf(static_cast<size_t>(length) + 1, 0xFF);
-                rc = getConfigString(kSection, C(SharedText(shared)), buf.data(), length);
-                const void* end = memchr(buf.data(), 0, buf.size());
-                if (rc == CFG_OK && end) {
-                    std::string text(reinterpret_cast<char*>(buf.data()));
-                    if (!WrittenText(text, steps)) return i + 1;
-                }
-                break;
-            }
+        const auto [op, key] = plan.next(i);
+        const std::string shared = std::to_string(i / 2 % kShared);
+        int rc = CFG_OK, v = -1, length = -1;
+        if (op == kCreate || op == kSetOwn) {
+            rc = Put(op == kCreate, Own(p, key), key % 2 == 0, p, i);
+        } else if (op == kSetShared) {
+            rc = Put(false, (i % 2 ? "int" : "text") + shared, i % 2, p, i);
+        } else if ((rc = getConfigInt(kSection, C("int" + shared), v)) == CFG_OK && !Written(v, steps)) {
+            return i + 1;
+        } else if (rc == CFG_OK &&
+                   (rc = getConfigStringLen(kSection, C("text" + shared), length)) == CFG_OK) {
+            // The value may grow between the two calls: it then comes back cut and unterminated, and is not
+            // judged.
+            std::vector<unsigned char> buf(static_cast<size_t>(length) + 1, 0xFF);
+            rc = getConfigString(kSection, C("text" + shared), buf.data(), length);
+            if (rc == CFG_OK && memchr(buf.data(), 0, buf.size()) &&
+                !Written(std::string(reinterpret_cast<char*>(buf.data())), steps))
+                return i + 1;
         }
         if (rc != CFG_OK) return i + 1;
     }
@@ -140,55 +96,44 @@ int RunPlan(int p, int steps) {
 TEST(ConfigStress, ProcessesShareOneFileWithoutLoss) {
     const int steps = stress::Scaled(500, 4);
     msptest::TempDir dir;
-    const std::string path = dir.file("MediaServer.cfg");
     deinitializeConfig();
-    ASSERT_EQ(CFG_OK, initializeConfig(path.c_str()));
+    ASSERT_EQ(CFG_OK, initializeConfig(dir.file("MediaServer.cfg").c_str()));
     for (int n = 0; n < kShared; ++n) {
-        ASSERT_EQ(CFG_OK, createConfigInt(kSection, C(SharedInt(n)), 0));
-        ASSERT_EQ(CFG_OK, createConfigString(kSection, C(SharedText(n)),
+        ASSERT_EQ(CFG_OK, createConfigInt(kSection, C("int" + std::to_string(n)), 0));
+        ASSERT_EQ(CFG_OK, createConfigString(kSection, C("text" + std::to_string(n)),
                                              reinterpret_cast<unsigned char*>(C("initial")), 7));
     }
-
     const long long start = stress::NowMs();
     std::vector<pid_t> children;
     for (int p = 0; p < kProcesses; ++p)
-        children.push_back(msptest::StartChild([p, steps] { return RunPlan(p, steps); }));
+        children.push_back(msptest::StartChild([=] { return RunPlan(p, steps); }));
     for (int p = 0; p < kProcesses; ++p)
-        EXPECT_EQ(0, msptest::WaitChild(children[static_cast<size_t>(p)], kChildMs)) << "process " << p;
+        EXPECT_EQ(0, msptest::WaitChild(children[p], 600000)) << "process " << p;
     const long long elapsed = stress::NowMs() - start;
 
-    // The parent replays each plan to know the last value of every own key, and finds each key's line in the
-    // file (one read through the store first, to know that the file reads whole).
+    // One read through the store (the file reads whole), then each own key's line with its last value.
     int probe = -1;
-    ASSERT_EQ(CFG_OK, getConfigInt(kSection, C(SharedInt(0)), probe));
-    EXPECT_TRUE(WrittenInt(probe, steps));
-    const std::string file = msptest::ReadFile(path);
-    int keys = 0;
+    ASSERT_EQ(CFG_OK, getConfigInt(kSection, C("int0"), probe));
+    const std::string file = msptest::ReadFile(dir.file("MediaServer.cfg"));
+    size_t keys = 0;
     for (int p = 0; p < kProcesses; ++p) {
-        Plan plan(p);
+        Plan plan{p};
         std::vector<int> last;
         for (int i = 0; i < steps; ++i) {
-            const Op op = plan.next();
-            if (op == Op::kCreateOwn) {
-                ++plan.created;
-                last.push_back(i);
-            } else if (op == Op::kSetOwn) {
-                last[(plan.state >> 8) % static_cast<unsigned>(plan.created)] = i;
-            }
+            const auto [op, key] = plan.next(i);
+            if (op == kCreate) last.push_back(i);
+            if (op == kSetOwn) last[key] = i;
         }
-        for (int k = 0; k < plan.created; ++k) {
-            const int i = last[static_cast<size_t>(k)];
-            const std::string expected =
-                k % 2 == 0 ? std::to_string(IntValue(p, i)) : "\"" + TextValue(p, i) + "\"";
-            const std::string line = "\r\n" + OwnKey(p, k) + "=" + expected + "\r\n";
-            EXPECT_NE(std::string::npos, file.find(line)) << OwnKey(p, k) << " is not " << expected;
+        for (size_t k = 0; k < last.size(); ++k) {
+            const std::string line =
+                Own(p, k) + "=" +
+                (k % 2 ? "\"" + Text(p, last[k]) + "\"" : std::to_string(IntValue(p, last[k])));
+            EXPECT_NE(std::string::npos, file.find("\r\n" + line + "\r\n")) << line;
         }
-        keys += plan.created;
+        keys += last.size();
     }
     deinitializeConfig();
-    RecordProperty("operations", kProcesses * steps);
-    RecordProperty("milliseconds", static_cast<int>(elapsed));
-    printf("config stress: %d processes x %d operations, %d own keys, %lld ms\n", kProcesses, steps, keys,
+    printf("config stress: %d processes x %d operations, %zu own keys, %lld ms\n", kProcesses, steps, keys,
            elapsed);
 }
 

@@ -49,8 +49,7 @@ void InProcesses(const char* what, int count, const std::function<int(int)>& bod
     const long long start = NowMs();
     std::vector<pid_t> children;
     for (int n = 0; n < count; ++n) children.push_back(msptest::StartChild([&, n] { return body(n); }));
-    for (int n = 0; n < count; ++n)
-        EXPECT_EQ(0, msptest::WaitChild(children[n], kChildMs)) << what << ", child " << n;
+    for (pid_t pid : children) EXPECT_EQ(0, msptest::WaitChild(pid, kChildMs)) << what;
     printf("%s: %lld ms\n", what, NowMs() - start);
 }
 

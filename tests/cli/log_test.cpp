@@ -64,32 +64,23 @@ TEST_F(CliLog, LinesGoToANewFileEachRunAndOldOnesGo) {
 // Messages that would be cut or split are refused; when the logger doesn't start, msplat says which setting
 // is missing or of the wrong type; logging off is the configuration's choice: no line, no failure.
 TEST_F(CliLog, RefusedMessagesAndWhyTheLoggerDidNotStart) {
-    const std::string partial = dir_.file("partial.cfg"), off = dir_.file("off.cfg"),
-                      none = dir_.file("none.cfg");
-    msptest::WriteFile(partial, "[srv]\r\nlogMode=1\r\nlogVerbosity=\"x\"\r\n");
-    msptest::WriteFile(off,
-                       "[srv]\r\nlogMode=0\r\nlogVerbosity=0\r\nlogFilesCount=2\r\nlogFileSize=100\r\n"
+    msptest::WriteFile(dir_.file("partial.cfg"), "[srv]\r\nlogMode=1\r\nlogVerbosity=\"x\"\r\n");
+    msptest::WriteFile(dir_.file("off.cfg"),
+                       "[srv]\r\nlogMode=0\r\nlogVerbosity=0\r\nlogFilesCount=2\r\nlogFileSize=9\r\n"
                        "logFilePath=\"" +
                            logs_ + "\"\r\n");
+    msptest::WriteFile(dir_.file("other.cfg"), "[x]\r\n");
+    const std::string c = "MediaServer.cfg";
     msptest::ExpectRuns(
-        {{{config_, "--module", "srv", "two\nlines"}, 2, "", "*"},
-         {{config_, "--module", "srv", std::string(1024, 'x')}, 2, "", "*"},
-         {{config_, "--module", "srv", ""}, 2, "", "*"},
-         {{config_, "--module", "srv"}, 2, "", "*"},
-         {{config_, "--module", "other", "m"},
-          1,
-          "",
-          "msplat: log: " + config_ + ": [other]: no such section\n"},
-         {{partial, "--module", "srv", "m"},
-          2,
-          "",
-          "msplat: log: " + partial + ": [srv] logVerbosity: type mismatch\n"},
-         {{none, "--module", "srv", "m"}, 1, "", "msplat: " + none + ": No such file or directory\n"},
-         {{off, "--module", "srv", "m"},
-          0,
-          "",
-          "msplat: log: logging is off in [srv] (logMode 0): no line written\n"}},
-        "", {"log", "--config"});
+        {{{c, "two\nlines"}, 2, "", "*"},
+         {{c, std::string(1024, 'x')}, 2, "", "*"},
+         {{c, ""}, 2, "", "*"},
+         {{c}, 2, "", "*"},
+         {{"other.cfg", "m"}, 1, "", "msplat: log: other.cfg: [srv]: no such section\n"},
+         {{"partial.cfg", "m"}, 2, "", "msplat: log: partial.cfg: [srv] logVerbosity: type mismatch\n"},
+         {{"none.cfg", "m"}, 1, "", "msplat: none.cfg: No such file or directory\n"},
+         {{"off.cfg", "m"}, 0, "", "msplat: log: logging is off in [srv] (logMode 0): no line written\n"}},
+        dir_.path(), {"log", "--module", "srv", "--config"});
     EXPECT_EQ(LogFiles(logs_), 0u);
     // The longest message that fits goes whole.
     const msptest::MsplatResult r =

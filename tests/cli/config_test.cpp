@@ -73,18 +73,15 @@ TEST(CliConfig, ResultCodesInWordsAndExitStatuses) {
 TEST(CliConfig, MissingFileAndWhatIsNoFile) {
     msptest::TempDir dir;
     const std::string missing = dir.file("none.cfg"), sub = dir.file("sub"),
-                      none = ": No such file or directory\n";
+                      notFile = ": not a regular file\n", none = ": No such file or directory\n";
     ASSERT_EQ(mkdir(sub.c_str(), 0700), 0);
     ExpectRuns({{{"--file", missing, "get", "a", "k"}, 1, "", "msplat: " + missing + none},
                 {{"--file", missing, "type", "a", "k"}, 1, "", "msplat: " + missing + none},
                 {{"--file", missing, "set", "a", "k", "1"}, 1, "", "msplat: " + missing + none},
                 {{"--file", missing, "dump"}, 1, "", "msplat: " + missing + none},
-                {{"--file", sub, "get", "a", "k"}, 2, "", "msplat: " + sub + ": not a regular file\n"},
-                {{"--file", sub, "create", "a", "k", "1", "--int"},
-                 2,
-                 "",
-                 "msplat: " + sub + ": not a regular file\n"},
-                {{"--file", sub, "dump"}, 2, "", "msplat: " + sub + ": not a regular file\n"},
+                {{"--file", sub, "get", "a", "k"}, 2, "", "msplat: " + sub + notFile},
+                {{"--file", sub, "create", "a", "k", "1", "--int"}, 2, "", "msplat: " + sub + notFile},
+                {{"--file", sub, "dump"}, 2, "", "msplat: " + sub + notFile},
                 {{"--file", std::string(261, 'x'), "dump"}, 2, "", "*"}},
                "", {"config"});
     EXPECT_FALSE(msptest::FileExists(missing));

@@ -31,22 +31,15 @@ unsigned char* U(const char* s) {
     return reinterpret_cast<unsigned char*>(const_cast<char*>(s));
 }
 
-// A string key through the usual pair of calls; "<code>" when either fails.
-std::string GetString(const std::string& section, const std::string& key) {
-    int len = -1;
-    int rc = getConfigStringLen(C(section), C(key), len);
+// A key's value as "i:" + integer, or "s:" + string through the usual pair of calls; else "<code>".
+std::string Get(const std::string& section, const std::string& key) {
+    int v = 0, len = -1;
+    if (getConfigInt(C(section), C(key), v) == CFG_OK) return "i:" + std::to_string(v);
+    const int rc = getConfigStringLen(C(section), C(key), len);
     if (rc != CFG_OK) return "<" + std::to_string(rc) + ">";
-    std::vector<unsigned char> buf(static_cast<size_t>(len) + 1, '#');
-    rc = getConfigString(C(section), C(key), buf.data(), len);
-    if (rc != CFG_OK) return "<" + std::to_string(rc) + ">";
-    if (buf[static_cast<size_t>(len)] != '\0') return "<unterminated>";
-    return std::string(reinterpret_cast<char*>(buf.data()), static_cast<size_t>(len));
-}
-
-std::string GetInt(const std::string& section, const std::string& key) {
-    int v = 0;
-    int rc = getConfigInt(C(section), C(key), v);
-    return rc == CFG_OK ? std::to_string(v) : "<" + std::to_string(rc) + ">";
+    std::string buf(static_cast<size_t>(len) + 1, '#');
+    if (getConfigString(C(section), C(key), U(&buf[0]), len) != CFG_OK || buf.back() != '\0') return "<copy>";
+    return "s:" + buf.substr(0, buf.size() - 1);
 }
 
 std::string Codes(std::initializer_list<int> codes) {
@@ -92,7 +85,7 @@ TEST(ConfigLifecycle, PathsAndReinitialisation) {
     // 260 bytes is the limit: one more is refused and leaves the store uninitialised.
     const std::string at260 = dir.path() + "/" + std::string(259 - dir.path().size(), 'p');
     EXPECT_EQ(CFG_BAD_ARGUMENT, initializeConfig((at260 + "q").c_str()));
-    EXPECT_EQ("<-8>", GetInt("s", "k"));
+    EXPECT_EQ("<-8>", Get("s", "k"));
     ASSERT_EQ(CFG_OK, initializeConfig(at260.c_str()));
     EXPECT_EQ(CFG_OK, createConfigInt(C("s"), C("k"), 1));
     const int semId = ::semget(kCfgKey, 1, 0);
@@ -104,7 +97,7 @@ TEST(ConfigLifecycle, PathsAndReinitialisation) {
     EXPECT_EQ("[s]\r\nk=1\r\nj=2\r\n\r\n", msptest::ReadFile(at260));
     // After deinitialisation: another file (relative, resolved at each access), the same semaphore.
     deinitializeConfig();
-    EXPECT_EQ("<-8>", GetInt("s", "k"));
+    EXPECT_EQ("<-8>", Get("s", "k"));
     deinitializeConfig();  // twice is harmless
     ASSERT_EQ(CFG_OK, initializeConfig("rel.cfg"));
     {
@@ -123,8 +116,7 @@ TEST_F(ConfigFile, CreatesAndSetsInTheWritersBytes) {
     EXPECT_EQ(CFG_OK, createConfigInt(C("LANGUAGE"), C("neg"), -17));
     EXPECT_EQ(CFG_OK, createConfigString(C("LANGUAGE"), C("empty"), U(""), 0));
     EXPECT_EQ(CFG_OK, createConfigInt(C("server"), C("max"), 2147483647));
-    EXPECT_EQ("My \"NAS\" \xc3\xa9", GetString("SERVER", "NAME"));
-    EXPECT_EQ("-17", GetInt("language", "NEG"));
+    EXPECT_EQ("s:My \"NAS\" \xc3\xa9 i:-17", Get("SERVER", "NAME") + " " + Get("language", "NEG"));
     EXPECT_EQ(CFG_OK, setConfigInt(C("server"), C("PORT"), 0));
     EXPECT_EQ(CFG_OK, setConfigString(C("Server"), C("name"), U("x"), 1));
     EXPECT_EQ(
@@ -159,7 +151,7 @@ TEST_F(ConfigFile, GetKeyTypeAnswersFromMemory) {
     Write("[S]\r\ni=1\r\ns=\"x\"\r\n");
     dtype t = dtypeNone;
     EXPECT_EQ(CFG_SECTION_NOT_FOUND, getKeyType(C("S"), C("i"), t));  // nothing read yet
-    EXPECT_EQ("1", GetInt("S", "i"));
+    EXPECT_EQ("i:1", Get("S", "i"));
     std::string answers;
     for (const char* key : {"I", "s", "z"}) {
         const int rc = getKeyType(C("s"), C(key), t);
@@ -170,15 +162,15 @@ TEST_F(ConfigFile, GetKeyTypeAnswersFromMemory) {
     Write("[S]\r\ni=\"now a string\"\r\n");
     EXPECT_EQ(CFG_OK, getKeyType(C("S"), C("i"), t));
     EXPECT_EQ(dtypeInt, t);
-    EXPECT_EQ("now a string", GetString("S", "i"));
+    EXPECT_EQ("s:now a string", Get("S", "i"));
     EXPECT_EQ(CFG_OK, getKeyType(C("S"), C("i"), t));
     EXPECT_EQ(dtypeUTF8, t);
 }
 
 // The lax reader, one or two file lines per case, binary and zero bytes included.
 TEST_F(ConfigFile, ReaderForms) {
-    // Lines in [S], key, "s:" + string value, "i:" + integer value, or "none". A zero byte ends a line's
-    // text (and a string still loses its last byte); a section line that starts with one is an empty line.
+    // Lines in [S], key, what Get gives. A zero byte ends a line's text (and a string still loses its last
+    // byte); a section line that starts with one is an empty line.
     // clang-format off
     const std::string cases[][3] = {
         {"k=\"\"", "k", "s:"}, {"k=\"", "k", "s:"}, {"k=\"abc\"", "k", "s:abc"}, {"k=\"abc", "k", "s:ab"},
@@ -189,41 +181,22 @@ TEST_F(ConfigFile, ReaderForms) {
         {"k=0x1F", "k", "i:0"}, {"k=2147483647", "k", "i:2147483647"}, {"k=2147483648", "k", "i:2147483647"},
         {"k=99999999999999999999", "k", "i:2147483647"}, {"k=-2147483648", "k", "i:-2147483648"},
         {"k=-99999999999999999999", "k", "i:-2147483648"}, {"k= \"x\"", "k", "i:0"}, {"a b =1", "a b ", "i:1"},
-        {"a b =1", "a b", "none"}, {"x=y=5", "x", "i:0"}, {"x=y=5", "x=y", "none"}, {"=5", "", "none"},
-        {"no equals", "no equals", "none"}, {" [T]", " [T", "none"}};
+        {"a b =1", "a b", "<-4>"}, {"x=y=5", "x", "i:0"}, {"x=y=5", "x=y", "<-4>"}, {"=5", "", "<-1>"},
+        {"no equals", "no equals", "<-4>"}, {" [T]", " [T", "<-4>"}};
     // clang-format on
     for (const auto& c : cases) {
         Write("[S]\r\n" + c[0] + "\r\n");
-        int v = 0, len = 0;
-        std::string got = "none";
-        if (!c[1].empty() && getConfigInt(C("S"), C(c[1]), v) == CFG_OK)
-            got = "i:" + std::to_string(v);
-        else if (!c[1].empty() && getConfigStringLen(C("S"), C(c[1]), len) == CFG_OK)
-            got = "s:" + GetString("S", c[1]);
-        EXPECT_EQ(c[2], got) << c[0];
+        EXPECT_EQ(c[2], Get("S", c[1])) << c[0];
     }
 }
 
 // Key lines ahead of the first section or behind "[]" are dropped; "[]" is left out of the rewrite.
 TEST_F(ConfigFile, RewriteKeepsOnlyWhatTheReaderKept) {
-    Write(
-        "orphan=1\n"
-        "[A]\n"
-        "k=1\n"
-        "\n"
-        "K=2\n"
-        "n=+0012\n"
-        "s=\"open\n"
-        "[]\r\n"
-        "lost=2\r\n"
-        "[B]\r"
-        "Xj=3\r\n"  // the lone CR after [B] swallowed the X
-        "[a]\r\n"   // a repeated section: lookups see the first
-        "k=9\r\n"
-        "z=4");  // a last line without ending
-    EXPECT_EQ("1 <-4> <-4> <-4> 3 ope", GetInt("A", "k") + " " + GetInt("A", "z") + " " +
-                                            GetInt("A", "lost") + " " + GetInt("A", "orphan") + " " +
-                                            GetInt("B", "j") + " " + GetString("a", "s"));
+    // A lone CR swallows the next byte; lookups see the first of repeated sections; the last line has no end.
+    Write("orphan=1\n[A]\nk=1\n\nK=2\nn=+0012\ns=\"open\n[]\r\nlost=2\r\n[B]\rXj=3\r\n[a]\r\nk=9\r\nz=4");
+    std::string got;
+    for (const char* key : {"k", "z", "lost", "orphan"}) got += Get("A", key) + " ";
+    EXPECT_EQ("i:1 <-4> <-4> <-4> i:3 s:ope", got + Get("B", "j") + " " + Get("a", "s"));
     dtype t = dtypeNone;
     EXPECT_EQ(CFG_BAD_ARGUMENT, getKeyType(C(""), C("lost"), t));
     EXPECT_EQ(CFG_OK, setConfigInt(C("a"), C("K"), 5));
@@ -237,7 +210,7 @@ TEST_F(ConfigFile, RewriteKeepsOnlyWhatTheReaderKept) {
 TEST_F(ConfigFile, VeryLongLinesAndNames) {
     const std::string big(300000, 'v'), name(5000, 'N'), value = big + "w";
     Write("[" + name + "]\n" + name + "=\"" + big + "\"\n");
-    EXPECT_EQ(big, GetString(name, name));
+    EXPECT_EQ("s:" + big, Get(name, name));
     EXPECT_EQ(CFG_OK, setConfigString(C(name), C(name), U(value.c_str()), static_cast<int>(value.size())));
     EXPECT_EQ("[" + name + "]\r\n" + name + "=\"" + value + "\"\r\n\r\n", Read());
 }
@@ -332,7 +305,7 @@ TEST_F(ConfigFile, ConcurrentProcessesLoseNoUpdate) {
     for (int p = 0; p < kProcesses; ++p)
         for (int k = 0; k < kKeys; ++k) {
             const std::string key = "p" + std::to_string(p) + "k" + std::to_string(k);
-            EXPECT_EQ(std::to_string(p * 1000 + k), GetInt("shared", key)) << key;
+            EXPECT_EQ("i:" + std::to_string(p * 1000 + k), Get("shared", key)) << key;
         }
     const std::string file = Read();
     size_t lines = 0;
@@ -354,7 +327,7 @@ TEST_F(ConfigFile, KilledHolderDoesNotBlockTheStore) {
     EXPECT_EQ(msptest::kChildSignalled, msptest::WaitChild(holder, kChildMs));
     EXPECT_EQ(0,
               msptest::RunChild([] { return setConfigInt(C("S"), C("k"), 2) == CFG_OK ? 0 : 1; }, kChildMs));
-    EXPECT_EQ("2", GetInt("S", "k"));
+    EXPECT_EQ("i:2", Get("S", "k"));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include <climits>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -76,26 +77,22 @@ TEST_F(SectionTest, StoredLengthAndCopyRule) {
     ASSERT_EQ(CFG_OK, s.createUTF8Key(C("zero"), U("ab\0cd"), 5));
     ASSERT_EQ(CFG_OK, s.createUTF8Key(C("six"), U("abcdef"), 6));
     ASSERT_EQ(CFG_OK, s.createUTF8Key(C("none"), U("abc"), 0));
-    for (auto [key, stored] : {std::pair{"cut", 3}, {"zero", 2}, {"none", 0}, {"six", 6}}) {
+    // Key, stored length; length given to the copy and the whole buffer after it, which starts as "########".
+    // clang-format off
+    const std::tuple<const char*, int, int, std::string> cases[] = {
+        {"cut", 3, 3, std::string("abc\0####", 8)}, {"zero", 2, 5, std::string("ab\0#####", 8)},
+        {"six", 6, 0, "########"},
+        {"none", 0, 0, std::string("\0#######", 8)}, {"six", 6, 3, "abc#####"},
+        {"six", 6, 6, std::string("abcdef\0#", 8)}, {"six", 6, 7, std::string("abcdef\0#", 8)}};
+    // clang-format on
+    for (const auto& [key, stored, length, expected] : cases) {
         int len = -1;
-        EXPECT_EQ(CFG_OK, s.getUTF8KeyValLen(C(key), len));
-        EXPECT_EQ(stored, len) << key;
-    }
-    struct Case {
-        const char* key;
-        int length;
-        std::string expected;  // the whole buffer, which starts as "########"
-    } cases[] = {{"six", 3, "abc#####"},
-                 {"six", 6, std::string("abcdef\0#", 8)},
-                 {"six", 7, std::string("abcdef\0#", 8)},
-                 {"none", 0, std::string("\0#######", 8)},
-                 {"zero", 5, std::string("ab\0#####", 8)},
-                 {"six", 0, "########"}};
-    for (const Case& c : cases) {
         unsigned char buf[8];
         memset(buf, '#', sizeof buf);
-        EXPECT_EQ(CFG_OK, s.getUTF8KeyValue(C(c.key), buf, c.length)) << c.key << " " << c.length;
-        EXPECT_EQ(c.expected, std::string(reinterpret_cast<char*>(buf), 8)) << c.key << " " << c.length;
+        EXPECT_EQ(CFG_OK, s.getUTF8KeyValLen(C(key), len));
+        EXPECT_EQ(stored, len) << key;
+        EXPECT_EQ(CFG_OK, s.getUTF8KeyValue(C(key), buf, length)) << key << " " << length;
+        EXPECT_EQ(expected, std::string(reinterpret_cast<char*>(buf), 8)) << key << " " << length;
     }
     ASSERT_EQ(CFG_OK, s.setUTF8KeyValue(C("six"), U("xy"), 2));
     EXPECT_EQ("[Sec]\r\ncut=\"abc\"\r\nzero=\"ab\"\r\nsix=\"xy\"\r\nnone=\"\"\r\n\r\n", Written(s));

@@ -151,6 +151,7 @@ TEST_F(ConfigFile, GetKeyTypeAnswersFromMemory) {
     Write("[S]\r\ni=1\r\ns=\"x\"\r\n");
     dtype t = dtypeNone;
     EXPECT_EQ(CFG_SECTION_NOT_FOUND, getKeyType(C("S"), C("i"), t));  // nothing read yet
+    EXPECT_EQ(dtypeNone, t);
     EXPECT_EQ("i:1", Get("S", "i"));
     std::string answers;
     for (const char* key : {"I", "s", "z"}) {

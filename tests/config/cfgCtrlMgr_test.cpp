@@ -60,7 +60,10 @@ protected:
 
 TEST_F(SectionTest, KeysKeepOrderTypeAndCaseAndFailuresChangeNothing) {
     EXPECT_EQ("[Sec]\r\n\r\n", Written(s));
+    keyInfo* const endNode = s.firstKey;
     ASSERT_EQ(CFG_OK, s.createIntKey(C("Alpha"), -42));
+    EXPECT_EQ(endNode, s.firstKey);  // the end node was filled in place, and a new one ends the list
+    EXPECT_TRUE(s.lastKey != endNode && !s.lastKey->name && s.lastKey->type == dtypeNone && !s.lastKey->next);
     ASSERT_EQ(CFG_OK, s.createUTF8Key(C("beta"), U("x\"y"), 3));
     ASSERT_EQ(CFG_OK, s.createIntKey(C("GAMMA"), INT_MIN));
     ASSERT_EQ(CFG_OK, s.createUTF8Key(C("empty"), U("ignored"), 0));

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "support/support.h"
 
 namespace msptest {
@@ -56,6 +58,33 @@ inline MsplatResult Msplat(const std::vector<std::string>& args, const std::stri
         },
         timeoutMs);
     return {status, ReadFile(out), ReadFile(err)};
+}
+
+// A run and what it must give, each whole; "*" stands for any text but the empty one.
+struct Expected {
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+    std::string err;
+};
+
+// Runs each of `runs` in `cwd` with `prefix` ahead of its arguments and compares.
+inline void ExpectRuns(const std::vector<Expected>& runs, const std::string& cwd = "",
+                       const std::vector<std::string>& prefix = {}) {
+    for (const Expected& e : runs) {
+        std::vector<std::string> args = prefix;
+        args.insert(args.end(), e.args.begin(), e.args.end());
+        std::string command;
+        for (const std::string& arg : args) command += " " + arg;
+        const MsplatResult r = Msplat(args, cwd);
+        EXPECT_EQ(r.status, e.status) << command << "\n" << r.err;
+        for (auto [got, expected] : {std::pair(&r.out, &e.out), std::pair(&r.err, &e.err)}) {
+            if (*expected == "*")
+                EXPECT_NE(*got, "") << command;
+            else
+                EXPECT_EQ(*got, *expected) << command;
+        }
+    }
 }
 
 }  // namespace msptest

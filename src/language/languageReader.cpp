@@ -12,6 +12,7 @@
 #include "language/internal.h"
 #include "msplatform/ZvCfgCtrlMgr.h"
 #include "msplatform/mutex.h"
+#include "os/mutexHold.h"
 #include "msplatform/xmlParser.h"
 
 void* (*languageReaderCalloc)(size_t count, size_t size) = calloc;
@@ -25,22 +26,6 @@ char kLanguageKey[] = "currentLanguage";
 
 // Bytes of the language file's path, terminator included.
 constexpr int kPathSize = 256;
-
-// Holds the reader's lock for a scope; a reader whose lock is gone runs without one.
-class ReaderLock {
-public:
-    explicit ReaderLock(Mutex* mutex) : mutex_(mutex) {
-        if (mutex_) mutex_->lock();
-    }
-    ~ReaderLock() {
-        if (mutex_) mutex_->unlock();
-    }
-    ReaderLock(const ReaderLock&) = delete;
-    ReaderLock& operator=(const ReaderLock&) = delete;
-
-private:
-    Mutex* mutex_;
-};
 
 // Whether the node's name begins with `word` (names are not terminated).
 bool nameStartsWith(const xml_node* node, const char* word) {
@@ -92,7 +77,7 @@ ZvLanguageReader::~ZvLanguageReader() {
 }
 
 int ZvLanguageReader::initialize(char* configPath) {
-    ReaderLock hold(mutex);
+    MutexHold hold(mutex);
     char languageFilePath[kPathSize] = {};
     char* text = nullptr;
     xml_node* nodes = nullptr;
@@ -138,7 +123,7 @@ void ZvLanguageReader::deinitialize() {
 
 char* ZvLanguageReader::getTermInfobyID(char const* id) {
     if (!id) return nullptr;
-    ReaderLock hold(mutex);
+    MutexHold hold(mutex);
     for (termInfo* term = termInfoList; term; term = term->next) {
         if (term->id && strcmp(term->id, id) == 0) return term->value;
     }

@@ -16,6 +16,7 @@
 #include "msplatform/dirWalk.h"
 #include "msplatform/eventLogger_specific.h"
 #include "msplatform/mutex.h"
+#include "os/mutexHold.h"
 #include "msplatform/osSpecificFunctions.h"
 #include "msplatform/unicode.h"
 
@@ -77,21 +78,6 @@ int WriteStamp(char* out, const struct tm& parts, int milliseconds) {
     return static_cast<int>(p - out);
 }
 
-class LockHold {
-public:
-    explicit LockHold(Mutex* mutex) : mutex_(mutex) {
-        if (mutex_) mutex_->lock();
-    }
-    ~LockHold() {
-        if (mutex_) mutex_->unlock();
-    }
-    LockHold(const LockHold&) = delete;
-    LockHold& operator=(const LockHold&) = delete;
-
-private:
-    Mutex* mutex_;
-};
-
 // A copy of `text` (of `length` bytes) on the logger's heap, or null.
 char* CopyText(const char* text, size_t length) {
     char* copy = static_cast<char*>(eventLoggerAlloc(length + 1));
@@ -137,7 +123,7 @@ ZvEventLogger::ZvEventLogger()
 
 ZvEventLogger::~ZvEventLogger() {
     {
-        LockHold hold(mutex);
+        MutexHold hold(mutex);
         free(logFilePath);
         free(moduleName);
         if (logFile) fclose(logFile);
@@ -199,7 +185,7 @@ int ZvEventLogger::loadConfigValues(char* cfgPath, char* section) {
 }
 
 int ZvEventLogger::initializeLogger(char* cfgPath, char* section) {
-    LockHold hold(mutex);
+    MutexHold hold(mutex);
     int result = 0;
     try {
         if (loadConfigValues(cfgPath, section) == 0) throw "Loading Configuration values Failed !!!";
@@ -247,7 +233,7 @@ int ZvEventLogger::currentdatetime(char* buffer) {
 
 void ZvEventLogger::logEvent(char* message, int length) {
     if (logMode == 0 || logFile == nullptr) return;
-    LockHold hold(mutex);
+    MutexHold hold(mutex);
     // A rotation that failed while this thread waited leaves no file: the line is dropped.
     if (!logFile || !message) return;
     if (length < 0) length = 0;

@@ -24,7 +24,7 @@ struct parser_field {
 
 // The pieces of one split, in buffer order. There is always one piece more than delimiters found.
 struct parser_result {
-    parser_field* first;  // null only when xml_ParseString was given a null buffer
+    parser_field* first;  // null only for a null buffer (and xml_ParseStringAdv's with a positive length)
     parser_field* last;   // valid only when first is not null
     int count;            // number of pieces
 };
@@ -36,7 +36,8 @@ MSP_EXPORT parser_result* xml_ParseString(char* buffer, int start, int end, char
 
 // Splits buffer[start, start + length) like xml_ParseString, but does not cut inside quoted text. The first
 // quote character met (" or ') is the only one that quotes for the rest of the call; quotes stay in the
-// pieces.
+// pieces. Never returns null. A null buffer is not tested for: with a length of 0 or less it gives the one
+// empty piece of any empty range, with a null text; with a positive length, a result without pieces.
 MSP_EXPORT parser_result* xml_ParseStringAdv(char* buffer, int start, int length, char* delimiter,
                                              int delimiterLength);
 

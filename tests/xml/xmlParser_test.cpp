@@ -100,11 +100,23 @@ TEST(XmlSplitter, RangesAndOffsets) {
     }
 }
 
-// A null buffer (not a legal call of the quote-aware one) and failed allocations give the empty result.
+// A null buffer and failed allocations give the empty result, but for the quote-aware splitter over an empty
+// range: it has no null test, and walks nothing to the one empty piece.
 TEST(XmlSplitter, NullBufferAndFailedAllocationGiveNoPieceButNeverNull) {
     char text[] = "a,b,c", comma[] = ",";
     EXPECT_TRUE(Empty(xml_ParseString(nullptr, 0, 10, comma, 1)));
+    EXPECT_TRUE(Empty(xml_ParseString(nullptr, 0, 0, comma, 1)));
     EXPECT_TRUE(Empty(xml_ParseStringAdv(nullptr, 0, 10, comma, 1)));
+    for (int start : {0, 3}) {
+        for (int length : {0, -2}) {
+            parser_result* r = xml_ParseStringAdv(nullptr, start, length, comma, 1);
+            ASSERT_EQ(1, r->count);
+            EXPECT_EQ(r->first, r->last);
+            EXPECT_EQ(nullptr, r->first->text);
+            EXPECT_EQ(0, r->first->length);
+            xml_DestructParserResults(r);
+        }
+    }
     for (int granted = 0; granted < 4; ++granted) {
         xmltest::FailAllocationsAfter failing(granted);
         EXPECT_TRUE(Empty(xml_ParseString(text, 0, 5, comma, 1))) << granted;

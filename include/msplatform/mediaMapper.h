@@ -59,7 +59,9 @@ public:
     // if the table names none. Computed once per loaded table.
     char* getUniqueParserPlugins();
 
-    // Pieces of the load, open to callers that build a table of their own.
+    // Pieces of the load, open to callers that build a table of their own. assignFormatProperty applies the
+    // tag and value rules to texts of any length, empty ones included (the load passes over empty elements
+    // itself); addFormatToList appends the record at the tail, with whatever hangs on its next link.
     void assignFormatProperty(MediaFormatInfo* format, char* tag, int tagLength, char* value,
                               int valueLength);
     void addFormatToList(MediaFormatInfo* format);

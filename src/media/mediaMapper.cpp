@@ -182,8 +182,9 @@ void MediaMapper::uninitialize() {
 
 void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int tagLength, char* value,
                                        int valueLength) {
-    // An empty value leaves the property unset, as an empty element does in the file.
-    if (format == nullptr || tag == nullptr || tagLength <= 0 || value == nullptr || valueLength <= 0) return;
+    // Empty texts are no exception: a tag of no bytes is a prefix of the first property, and an empty value
+    // is stored as an empty text. The load itself passes over empty elements.
+    if (format == nullptr || tag == nullptr || tagLength < 0 || value == nullptr || valueLength < 0) return;
 
     const Property* property = nullptr;
     for (const auto& candidate : kProperties) {
@@ -250,7 +251,7 @@ void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int t
 
 void MediaMapper::addFormatToList(MediaFormatInfo* format) {
     if (format == nullptr) return;
-    format->next = nullptr;
+    // Whatever hangs on the record comes along.
     MediaFormatInfo** tail = &formatList;
     while (*tail != nullptr) tail = &(*tail)->next;
     *tail = format;

@@ -105,18 +105,36 @@ TEST_F(MediaMapperLoad, TagsAndValues) {
     EXPECT_EQ(expected, DumpList(mapper.formatList));
 }
 
-TEST(MediaMapperProperty, AssignedDirectly) {
+// Called directly, the load's pieces apply no rule of the load: an empty value is stored, a tag of no bytes
+// is a prefix of FormatName, and an appended record keeps what hangs on it.
+TEST(MediaMapperProperty, AssignedAndAppendedDirectly) {
     TestMapper mapper;
     MediaFormatInfo format = {};
     char tag[] = "MimeTypeXYZ", value[] = "audio/mpeg-and-more", mediaTag[] = "med",
          mediaValue[] = "videoclip";
-    mapper.assignFormatProperty(&format, tag, 4, value, 10);  // "Mime", "audio/mpeg"
-    mapper.assignFormatProperty(&format, tag, 0, value, 10);  // no tag: nothing
-    mapper.assignFormatProperty(&format, tag, 4, value, 0);   // empty value: nothing
+    mapper.assignFormatProperty(&format, tag, 4, value, 10);          // "Mime": "audio/mpeg"
+    mapper.assignFormatProperty(&format, tag, 0, value, 5);           // "": FormatName "audio"
+    mapper.assignFormatProperty(&format, mediaTag + 2, 1, value, 0);  // "d": DLNA_Class ""
+    mapper.assignFormatProperty(&format, tag, -1, value, 10);         // negative lengths: nothing
+    mapper.assignFormatProperty(&format, tag, 4, value, -1);
     mapper.assignFormatProperty(nullptr, tag, 4, value, 10);
     mapper.assignFormatProperty(&format, mediaTag, 3, mediaValue, 5);
-    EXPECT_EQ("-|-|audio/mpeg|-|-|-|-|0|v", Dump(&format));
+    EXPECT_EQ("audio|-|audio/mpeg||-|-|-|0|v", Dump(&format));
+
+    MediaFormatInfo* records[3];
+    for (auto& record : records) record = static_cast<MediaFormatInfo*>(calloc(1, sizeof(MediaFormatInfo)));
+    records[0]->next = records[1];
+    mapper.addFormatToList(records[2]);
+    mapper.addFormatToList(records[0]);
+    MediaFormatInfo* list = mapper.formatList;
+    EXPECT_EQ(records[2], list);
+    EXPECT_EQ(records[0], list->next);
+    EXPECT_EQ(records[1], list->next->next);
+    EXPECT_EQ(nullptr, records[1]->next);
+    mapper.clearFormatList();
+    free(format.formatName);
     free(format.mimeType);
+    free(format.dlnaClass);
 }
 
 TEST_F(MediaMapperLoad, FailedAllocationsLoseOnlyWhatTheyWereFor) {

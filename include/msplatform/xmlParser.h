@@ -8,7 +8,8 @@
 //
 // Ownership: every list handed out (parser_result, xml_node, xml_attribute) is allocated by the function that
 // makes it and is the caller's to release with the matching xml_Destruct* function, never with free: nodes
-// share their allocations. None of those releases touches the text buffer.
+// share their allocations. None of those releases touches the text buffer. A node list cut into parts may
+// have its parts released on different threads at once.
 #pragma once
 
 #include "msplatform/export.h"

@@ -25,9 +25,10 @@ const char* findLastByte(const char* from, long long length, char byte) {
 // Nodes are handed out from blocks, a few hundred at most to a block, so that a parse makes one allocation
 // per block instead of one per node. Each node's slot names its block and the block counts the nodes still
 // out: nodes can still be released one by one along next, from any node on, and a block goes with its last
-// node.
+// node. Parts of one list are released on any threads, so the count drops atomically, once per run of
+// nodes from one block.
 struct NodeBlock {
-    size_t live;  // nodes of this block not yet released
+    size_t live;  // nodes not yet released; counted up by the parse, before the list is shared
 };
 
 struct NodeSlot {
@@ -41,9 +42,10 @@ NodeSlot* slotOf(xml_node* node) {
     return reinterpret_cast<NodeSlot*>(reinterpret_cast<char*>(node) - offsetof(NodeSlot, node));
 }
 
-void releaseNode(xml_node* node) {
-    NodeBlock* block = slotOf(node)->block;
-    if (--block->live == 0) ::free(block);
+// The last release frees the block: after (acquire) every other thread's reads of its nodes, which come
+// before their own releases (release).
+void releaseNodes(NodeBlock* block, size_t count) {
+    if (__atomic_sub_fetch(&block->live, count, __ATOMIC_ACQ_REL) == 0) ::free(block);
 }
 
 class NodeAllocator {
@@ -333,9 +335,13 @@ int xml_ReadInnerXML(xml_node* node, char** innerText) {
 
 void xml_DestructXMLNodeList(xml_node* first) {
     while (first) {
-        xml_node* next = first->next;
-        releaseNode(first);
-        first = next;
+        NodeBlock* const block = slotOf(first)->block;
+        size_t count = 0;
+        do {
+            first = first->next;
+            ++count;
+        } while (first && slotOf(first)->block == block);
+        releaseNodes(block, count);
     }
 }
 

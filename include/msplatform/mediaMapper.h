@@ -33,7 +33,8 @@ public:
     MediaMapper(const MediaMapper&) = delete;
     MediaMapper& operator=(const MediaMapper&) = delete;
 
-    // Loads MediaFormats.xml. 1 when a table is loaded (at once if one already is), 0 on failure.
+    // Loads MediaFormats.xml. 1 when a table is loaded (at once if one already is), 0 on failure. Threads of
+    // one process that call it together load once: the others wait and find the table loaded.
     int initialize();
     // Releases the table if one is loaded; the lock stays for the next load.
     void uninitialize();

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <mutex>
 #include <new>
 
 #include "media/internal.h"
@@ -17,6 +18,8 @@ void* (*mediaMapperAlloc)(size_t size) = malloc;
 namespace {
 
 const char kFormatFile[] = "MediaFormats.xml";
+
+std::mutex firstLoadLock;  // held through a load, by the threads of this process
 
 // The lookup's work limits: an extension of at most 55 bytes, and the first 1023 bytes of a record's
 // extension list. A joined plug-in list holds at most 1023 bytes with its last comma.
@@ -109,6 +112,10 @@ MediaMapper::~MediaMapper() {
 }
 
 int MediaMapper::initialize() {
+    if (__atomic_load_n(&isInitialized, __ATOMIC_ACQUIRE) == 1) return 1;
+    // Threads of this process load one at a time, and a thread that waited here finds the table loaded: the
+    // semaphore can't do that alone, since it is made right here and may be missing.
+    std::lock_guard<std::mutex> loading(firstLoadLock);
     if (isInitialized == 1) return 1;
     if (mutex == nullptr) {
         mutex = new (std::nothrow) Mutex("MediaMapper");
@@ -160,11 +167,10 @@ int MediaMapper::initialize() {
                 --depth;
             }
         }
-        isInitialized = 1;
+        __atomic_store_n(&isInitialized, 1, __ATOMIC_RELEASE);
     } catch (...) {
         // The texts thrown above only choose the way out; the caller sees the result 0.
         ReleaseTable(*this);
-        isInitialized = 0;
     }
     // A record whose closing tag never came is not part of the table.
     clearFormatNode(current);

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <thread>
+#include <vector>
 
 #include "media/internal.h"
 #include "mediaTestUtil.h"
@@ -50,6 +51,26 @@ TEST_F(MediaMapperLoad, LoadedTableIsNotReadAgainUntilReleased) {
     mapper.uninitialize();  // already empty: nothing happens
     EXPECT_EQ(1, mapper.initialize());
     EXPECT_EQ((Strings{"-|ogg|-|-|-|-|-|0|0", "-|wav|-|-|-|-|-|0|0"}), DumpList(mapper.formatList));
+}
+
+// Threads that make the first load at once: one loads, the others wait and find the table loaded.
+TEST_F(MediaMapperLoad, FirstLoadOnSeveralThreadsAtOnceLoadsOnce) {
+    Write("<F><R><E>mp3</E></R><R><E>ogg</E></R></F>");
+    // The first load stalls at its first record, so that the other threads come meanwhile.
+    static std::atomic<bool> stalled;
+    stalled = false;
+    mediaMapperAlloc = [](size_t size) {
+        if (!stalled.exchange(true)) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        return malloc(size);
+    };
+    TestMapper mapper;
+    std::atomic<int> loaded{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) threads.emplace_back([&] { loaded += mapper.initialize(); });
+    for (auto& thread : threads) thread.join();
+    mediaMapperAlloc = malloc;
+    EXPECT_EQ(4, loaded);
+    EXPECT_EQ((Strings{"-|mp3|-|-|-|-|-|0|0", "-|ogg|-|-|-|-|-|0|0"}), DumpList(mapper.formatList));
 }
 
 TEST_F(MediaMapperLoad, LevelsDecideRecordsAndProperties) {

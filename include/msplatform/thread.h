@@ -5,8 +5,7 @@
 //
 // Rules for owners and derived classes:
 // - With `suspended` 0 the thread can reach `run` before the derived constructors are done; a class that
-// needs
-//   its whole object first passes a nonzero `suspended` and calls `resume` after construction.
+//   needs its whole object first passes a nonzero `suspended` and calls `resume` after construction.
 // - An owner that deletes the object first calls `wait` until `isFinished` gives 1: the derived members are
 //   gone by the time ~Thread waits for the body.
 // - A self-deleting object must not be touched once its body may have ended.

@@ -3,13 +3,13 @@
 // Nothing here copies, terminates or writes the caller's text: names, values and pieces are pointers into the
 // caller's buffer with a length beside them, and that buffer must stay alive and unchanged for as long as
 // they are read. The parser is not validating and reports no syntax error: it cuts the text at "<", ">", " "
-// and
-// ":", and whatever falls out is a tag.
+// and ":", and whatever falls out is a tag.
 //
 // Ownership: every list handed out (parser_result, xml_node, xml_attribute) is allocated by the function that
-// makes it and is the caller's to release with the matching xml_Destruct* function, never with free: nodes
-// share their allocations. None of those releases touches the text buffer. A node list cut into parts may
-// have its parts released on different threads at once.
+// makes it and is the caller's to release with the matching xml_Destruct* function, never with free. Nodes
+// share their allocations: a node the caller made itself must not go into a list that
+// xml_DestructXMLNodeList releases. None of those releases touches the text buffer. A node list cut into
+// parts may have its parts released on different threads at once.
 #pragma once
 
 #include "msplatform/export.h"
@@ -60,7 +60,8 @@ struct xml_node {
     int prefixLength;       // bytes in the prefix; 0 if none (also with a non-null prefix, as in <:a>)
     int isStart;            // all bits set in a start node, 0 in a closing node
     int isEmpty;            // all bits set in the start node of an empty tag, else 0
-    char* position;         // start node: behind the last ">" of the tag; closing node: its "/"
+    char* position;         // start node: behind the last ">" before the next "<" (which may stand in the
+                            // element's text); closing node: its "/"
     xml_node* next;         // next node in document order; null at the end
     xml_node* parent;       // start node: enclosing start node; null at top level and in closing nodes
     xml_node* peer;         // start node: the start node right behind its closing node; else null

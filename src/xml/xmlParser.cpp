@@ -155,8 +155,8 @@ bool addCandidate(NodeList& list, char* candidate, long long length, bool endsAt
     char* wordEnd = tag;
     char* colon = nullptr;
     char* secondColon = nullptr;
-    char* cut = nullptr;       // first name end in a name without prefix
-    char* cutAfter = nullptr;  // first name end behind the first colon
+    char* nameEndNoPrefix = nullptr;    // where such a byte ends a name without prefix
+    char* nameEndAfterColon = nullptr;  // where one ends a name behind the first colon
     for (;; ++wordEnd) {
         // Plain bytes are passed without a bound test where the "<" behind the candidate stops the scan.
         if (endsAtLt) {
@@ -173,9 +173,9 @@ bool addCandidate(NodeList& list, char* candidate, long long length, bool endsAt
             else if (!secondColon)
                 secondColon = wordEnd;
         } else if (!colon) {
-            if (!cut && wordEnd > tag) cut = wordEnd;
-        } else if (!cutAfter && wordEnd > colon + 1) {
-            cutAfter = wordEnd;
+            if (!nameEndNoPrefix && wordEnd > tag) nameEndNoPrefix = wordEnd;
+        } else if (!nameEndAfterColon && wordEnd > colon + 1) {
+            nameEndAfterColon = wordEnd;
         }
     }
     const char* gt = wordEnd < tagEnd && *wordEnd == '>' ? wordEnd : findByte(wordEnd, tagEnd - wordEnd, '>');
@@ -197,12 +197,12 @@ bool addCandidate(NodeList& list, char* candidate, long long length, bool endsAt
         prefixLength = colon - tag;
         name = colon + 1;
         nameEnd = secondColon ? secondColon : wordEnd;
-        cut = cutAfter;
     }
     // The first byte is never looked at, so a name may begin with "/" or a line end.
-    if (cut && cut < nameEnd) {
-        if (*cut == '/') empty = true;
-        nameEnd = cut;
+    char* const earlyEnd = colon ? nameEndAfterColon : nameEndNoPrefix;
+    if (earlyEnd && earlyEnd < nameEnd) {
+        if (*earlyEnd == '/') empty = true;
+        nameEnd = earlyEnd;
     }
     const long long nameLength = nameEnd - name;
     if (nameLength == 0) return true;
@@ -270,6 +270,7 @@ xml_node* xml_ParseXML(char* text, int start, int end) {
         char* lt = candidate < rangeEnd ? const_cast<char*>(findByte(candidate, rangeEnd - candidate, '<'))
                                         : nullptr;
         const long long length = lt ? lt - candidate : (candidate < rangeEnd ? rangeEnd - candidate : 0);
+        // `lt` lies inside the range: the unbounded part of the candidate's scan stops at it.
         if (!addCandidate(list, candidate, length, lt != nullptr)) {
             // A list with nodes missing would read as another document: give none.
             xml_DestructXMLNodeList(list.first);
@@ -345,6 +346,7 @@ void xml_DestructXMLNodeList(xml_node* first) {
     }
 }
 
+// The stack is for callers: nothing in the parser uses it, since matching keeps its stack in the nodes.
 void xml_CreateStack(void** stack) {
     if (stack) *stack = nullptr;
 }

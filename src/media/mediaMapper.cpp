@@ -40,25 +40,24 @@ private:
 };
 
 // The properties in the order they are tried: a tag matches the first property of which it is a
-// case-independent prefix, so "M" is MimeType and "Med" is MediaType.
-enum Property {
-    kFormatName,
-    kExtensions,
-    kMimeType,
-    kMediaType,
-    kDlnaClass,
-    kDlnaProfile,
-    kTranscode,
-    kParser,
-    kDap
-};
-const struct {
+// case-independent prefix, so "M" is MimeType and "Med" is MediaType. A text property names the field
+// that keeps its text; the values of the other two are mapped to a byte.
+enum Treatment { kText, kMediaTypeValue, kTranscodeValue };
+struct Property {
     const char* name;
-    Property property;
-} kProperties[] = {
-    {"FormatName", kFormatName}, {"Extensions", kExtensions}, {"MimeType", kMimeType},
-    {"MediaType", kMediaType},   {"DLNA_Class", kDlnaClass},  {"DLNA_Profile", kDlnaProfile},
-    {"Transcode", kTranscode},   {"Parser", kParser},         {"DAP", kDap},
+    Treatment treatment;
+    char* MediaFormatInfo::*field;  // for kText
+};
+const Property kProperties[] = {
+    {"FormatName", kText, &MediaFormatInfo::formatName},
+    {"Extensions", kText, &MediaFormatInfo::extensions},
+    {"MimeType", kText, &MediaFormatInfo::mimeType},
+    {"MediaType", kMediaTypeValue, nullptr},
+    {"DLNA_Class", kText, &MediaFormatInfo::dlnaClass},
+    {"DLNA_Profile", kText, &MediaFormatInfo::dlnaProfile},
+    {"Transcode", kTranscodeValue, nullptr},
+    {"Parser", kText, &MediaFormatInfo::parserName},
+    {"DAP", kText, &MediaFormatInfo::dapName},
 };
 
 const struct {
@@ -193,10 +192,10 @@ void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int t
     if (format == nullptr || tag == nullptr || tagLength < 0 || value == nullptr || valueLength < 0) return;
 
     const Property* property = nullptr;
-    for (const auto& candidate : kProperties) {
+    for (const Property& candidate : kProperties) {
         // Over the tag's length only: a tag longer than the name meets the name's terminator and differs.
         if (StrnCaseCmp(tag, candidate.name, static_cast<size_t>(tagLength)) == 0) {
-            property = &candidate.property;
+            property = &candidate;
             break;
         }
     }
@@ -204,7 +203,7 @@ void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int t
 
     // The value compares as a terminated copy would: up to its first zero byte.
     size_t length = strnlen(value, static_cast<size_t>(valueLength));
-    if (*property == kMediaType) {
+    if (property->treatment == kMediaTypeValue) {
         for (const auto& type : kMediaTypes) {
             if (EqualsNoCase(value, length, type.value)) {
                 format->mediaType = type.mediaType;
@@ -213,7 +212,7 @@ void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int t
         }
         return;
     }
-    if (*property == kTranscode) {
+    if (property->treatment == kTranscodeValue) {
         unsigned char flag = 0;
         for (const char* yes : kTranscodeYes) {
             if (EqualsNoCase(value, length, yes)) flag = 1;
@@ -222,37 +221,12 @@ void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int t
         return;
     }
 
-    char** field = nullptr;
-    switch (*property) {
-        case kFormatName:
-            field = &format->formatName;
-            break;
-        case kExtensions:
-            field = &format->extensions;
-            break;
-        case kMimeType:
-            field = &format->mimeType;
-            break;
-        case kDlnaClass:
-            field = &format->dlnaClass;
-            break;
-        case kDlnaProfile:
-            field = &format->dlnaProfile;
-            break;
-        case kParser:
-            field = &format->parserName;
-            break;
-        case kDap:
-            field = &format->dapName;
-            break;
-        default:
-            return;
-    }
     // Out of memory: the field keeps what it had.
     char* copy = CopyText(value, static_cast<size_t>(valueLength));
     if (copy == nullptr) return;
-    free(*field);
-    *field = copy;
+    char*& field = format->*property->field;
+    free(field);
+    field = copy;
 }
 
 void MediaMapper::addFormatToList(MediaFormatInfo* format) {

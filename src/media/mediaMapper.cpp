@@ -89,6 +89,12 @@ char* CopyText(const char* text, size_t length) {
     return copy;
 }
 
+// The null link that ends the list into which `link` leads.
+MediaFormatInfo** LastLink(MediaFormatInfo** link) {
+    while (*link != nullptr) link = &(*link)->next;
+    return link;
+}
+
 // Releases the table without taking the lock: the failed load runs it while it holds the lock already.
 void ReleaseTable(MediaMapper& mapper) {
     MediaFormatInfo* format = mapper.formatList;
@@ -136,8 +142,7 @@ int MediaMapper::initialize() {
 
         // Records go on at the tail, found once here rather than by a walk from the head for each record,
         // which made a load quadratic in the number of formats.
-        MediaFormatInfo** tail = &formatList;
-        while (*tail != nullptr) tail = &(*tail)->next;
+        MediaFormatInfo** tail = LastLink(&formatList);
         int depth = 0;
         for (xml_node* node = nodes; node != nullptr; node = node->next) {
             if (node->isStart != 0) {
@@ -158,9 +163,8 @@ int MediaMapper::initialize() {
                 }
             } else {
                 if (depth == 2 && current != nullptr) {
-                    current->next = nullptr;
                     *tail = current;
-                    tail = &current->next;
+                    tail = LastLink(&current->next);
                     current = nullptr;
                 }
                 --depth;
@@ -230,11 +234,8 @@ void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int t
 }
 
 void MediaMapper::addFormatToList(MediaFormatInfo* format) {
-    if (format == nullptr) return;
     // Whatever hangs on the record comes along.
-    MediaFormatInfo** tail = &formatList;
-    while (*tail != nullptr) tail = &(*tail)->next;
-    *tail = format;
+    *LastLink(&formatList) = format;
 }
 
 void MediaMapper::clearFormatNode(MediaFormatInfo* format) {

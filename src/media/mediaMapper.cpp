@@ -287,11 +287,14 @@ MediaFormatInfo* MediaMapper::getFormatInfoByExtension(char* extension) {
         const char* list = format->extensions;
         if (list == nullptr) continue;
         // Tokens between commas, blanks kept, in one pass. Only tokens that end within the list's first
-        // 1023 bytes count: one cut by that limit must not match a shorter extension.
+        // 1023 bytes count: one cut by that limit must not match a shorter extension. So the limit is tested
+        // behind the token test: a token ended by the byte at offset 1023 still counts.
         size_t start = 0;
         for (size_t i = 0;; ++i) {
             const unsigned char c = static_cast<unsigned char>(list[i]);
-            if (c <= ',' && (c == ',' || c == '\0')) {  // letters and digits pass one test
+            // Only a comma or the terminator ends a token; the first test alone passes every byte above ','
+            // (letters, digits, dots), which is nearly every byte.
+            if (c <= ',' && (c == ',' || c == '\0')) {
                 if (i - start == wantedLength &&
                     tolower(static_cast<unsigned char>(list[start])) == wantedFirst &&
                     StrnCaseCmp(list + start, wanted, wantedLength) == 0)

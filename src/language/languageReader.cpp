@@ -208,7 +208,7 @@ int ZvLanguageReader::loadConfigValues(char* configPath, char* languageFilePath)
         if (getConfigStringLen(kSection, kLanguageKey, length) != CFG_OK || length < 0)
             throw "GetConfigStringLen failed while getting current language !!!";
         free(currentLanguage);
-        currentLanguage = static_cast<char*>(calloc(static_cast<size_t>(length) + 1, 1));
+        currentLanguage = static_cast<char*>(languageReaderCalloc(static_cast<size_t>(length) + 1, 1));
         if (!currentLanguage) throw "Not enough memory found !!!";
         if (getConfigString(kSection, kLanguageKey, reinterpret_cast<unsigned char*>(currentLanguage),
                             length) != CFG_OK)
@@ -235,7 +235,7 @@ int ZvLanguageReader::copyXMLFileBuffer(char* path, char** text) {
         // A size that can't be told (a directory, a pipe) or that the int result can't carry is not a file to
         // load.
         if (size < 0 || size >= INT_MAX) throw "Language file read failed !!!";
-        *text = static_cast<char*>(calloc(static_cast<size_t>(size) + 1, 1));
+        *text = static_cast<char*>(languageReaderCalloc(static_cast<size_t>(size) + 1, 1));
         if (!*text) throw "Not enough memory found !!!";
         if (fread(*text, 1, static_cast<size_t>(size), file) < static_cast<size_t>(size))
             throw "Language file read failed !!!";

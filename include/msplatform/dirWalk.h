@@ -37,7 +37,7 @@ MSP_EXPORT void* Zv_FindFirst(wchar_t* path, FileFindData* data);
 // the end, and -1 for a null or -1 handle. Entries come unsorted, "." and ".." among them.
 MSP_EXPORT int Zv_FindNext(void* handle, wchar_t* path, FileFindData* data);
 
-// Closes a handle. 1 when closed; 0 for the handle -1 (and for null), which are no handles.
+// Closes a handle. 1 for any handle but -1, null included (there is nothing to close); 0 for the handle -1.
 MSP_EXPORT int Zv_FindClose(void* handle);
 
 // 1 for a directory whose name sorts above ".." and does not begin with "." (so not -abc, #x or .hidden).

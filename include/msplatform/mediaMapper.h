@@ -33,7 +33,8 @@ public:
     MediaMapper(const MediaMapper&) = delete;
     MediaMapper& operator=(const MediaMapper&) = delete;
 
-    // Loads MediaFormats.xml. 1 when a table is loaded (at once if one already is), 0 on failure.
+    // Loads MediaFormats.xml. 1 when a table is loaded (at once if one already is), 0 on failure. Threads of
+    // one process that call it together load once: the others wait and find the table loaded.
     int initialize();
     // Releases the table if one is loaded; the lock stays for the next load.
     void uninitialize();
@@ -59,7 +60,9 @@ public:
     // if the table names none. Computed once per loaded table.
     char* getUniqueParserPlugins();
 
-    // Pieces of the load, open to callers that build a table of their own.
+    // Pieces of the load, open to callers that build a table of their own. assignFormatProperty applies the
+    // tag and value rules to texts of any length, empty ones included (the load passes over empty elements
+    // itself); addFormatToList appends the record at the tail, with whatever hangs on its next link.
     void assignFormatProperty(MediaFormatInfo* format, char* tag, int tagLength, char* value,
                               int valueLength);
     void addFormatToList(MediaFormatInfo* format);

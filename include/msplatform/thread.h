@@ -5,15 +5,17 @@
 //
 // Rules for owners and derived classes:
 // - With `suspended` 0 the thread can reach `run` before the derived constructors are done; a class that
-// needs
-//   its whole object first passes a nonzero `suspended` and calls `resume` after construction.
+//   needs its whole object first passes a nonzero `suspended` and calls `resume` after construction.
 // - An owner that deletes the object first calls `wait` until `isFinished` gives 1: the derived members are
 //   gone by the time ~Thread waits for the body.
 // - A self-deleting object must not be touched once its body may have ended.
-// - A held thread must be resumed before its object is destroyed.
+// - A held thread must be resumed (or cancelled) before its object is destroyed.
 // - The body must neither `wait` on nor delete its own object.
 // If the thread cannot be made, the object counts as finished at once (`lastError` holds the cause), so that
 // `wait` and the destructor return; a self-deleting object is then left for its owner to delete.
+// Cancellation: a thread cancelled while held (once its object is complete, as for `resume`) finishes
+// without its body, and a self-deleting object deletes itself; a caller cancelled inside `wait` leaves it as
+// if woken.
 #pragma once
 
 #include <pthread.h>

@@ -3,12 +3,13 @@
 // Nothing here copies, terminates or writes the caller's text: names, values and pieces are pointers into the
 // caller's buffer with a length beside them, and that buffer must stay alive and unchanged for as long as
 // they are read. The parser is not validating and reports no syntax error: it cuts the text at "<", ">", " "
-// and
-// ":", and whatever falls out is a tag.
+// and ":", and whatever falls out is a tag.
 //
 // Ownership: every list handed out (parser_result, xml_node, xml_attribute) is allocated by the function that
-// makes it and is the caller's to release with the matching xml_Destruct* function, never with free: nodes
-// share their allocations. None of those releases touches the text buffer.
+// makes it and is the caller's to release with the matching xml_Destruct* function, never with free. Nodes
+// share their allocations: a node the caller made itself must not go into a list that
+// xml_DestructXMLNodeList releases. None of those releases touches the text buffer. A node list cut into
+// parts may have its parts released on different threads at once.
 #pragma once
 
 #include "msplatform/export.h"
@@ -24,7 +25,7 @@ struct parser_field {
 
 // The pieces of one split, in buffer order. There is always one piece more than delimiters found.
 struct parser_result {
-    parser_field* first;  // null only when xml_ParseString was given a null buffer
+    parser_field* first;  // null only for a null buffer (and xml_ParseStringAdv's with a positive length)
     parser_field* last;   // valid only when first is not null
     int count;            // number of pieces
 };
@@ -36,7 +37,8 @@ MSP_EXPORT parser_result* xml_ParseString(char* buffer, int start, int end, char
 
 // Splits buffer[start, start + length) like xml_ParseString, but does not cut inside quoted text. The first
 // quote character met (" or ') is the only one that quotes for the rest of the call; quotes stay in the
-// pieces.
+// pieces. Never returns null. A null buffer is not tested for: with a length of 0 or less it gives the one
+// empty piece of any empty range, with a null text; with a positive length, a result without pieces.
 MSP_EXPORT parser_result* xml_ParseStringAdv(char* buffer, int start, int length, char* delimiter,
                                              int delimiterLength);
 
@@ -58,7 +60,8 @@ struct xml_node {
     int prefixLength;       // bytes in the prefix; 0 if none (also with a non-null prefix, as in <:a>)
     int isStart;            // all bits set in a start node, 0 in a closing node
     int isEmpty;            // all bits set in the start node of an empty tag, else 0
-    char* position;         // start node: behind the last ">" of the tag; closing node: its "/"
+    char* position;         // start node: behind the last ">" before the next "<" (which may stand in the
+                            // element's text); closing node: its "/"
     xml_node* next;         // next node in document order; null at the end
     xml_node* parent;       // start node: enclosing start node; null at top level and in closing nodes
     xml_node* peer;         // start node: the start node right behind its closing node; else null

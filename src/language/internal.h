@@ -3,5 +3,5 @@
 
 #include <stddef.h>
 
-// Allocates the term records and their texts. Tests swap it to make an allocation fail.
+// Every allocation of the reader goes through here (calloc by default). Tests swap it to make one fail.
 extern void* (*languageReaderCalloc)(size_t count, size_t size);

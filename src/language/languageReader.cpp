@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -32,6 +34,59 @@ bool nameStartsWith(const xml_node* node, const char* word) {
     size_t length = strlen(word);
     return node->nameLength >= 0 && static_cast<size_t>(node->nameLength) >= length &&
            memcmp(node->name, word, length) == 0;
+}
+
+bool endsLanguageScan(const xml_node* node) {
+    return !node->isStart && nameStartsWith(node, "Languages");
+}
+
+bool isLanguageName(const xml_node* node) {
+    return node->isStart && nameStartsWith(node, "Name");
+}
+
+// One "Name" start node of the scan, and what xml_ReadInnerXML gives for it.
+struct NameRead {
+    const xml_node* node;
+    size_t level;  // open start nodes, itself included, where it stands
+    size_t below;  // the read of the name open under it, or kNoRead
+    char* inner;
+    int length;  // 0: no inner text, or no closing node that matches
+};
+constexpr size_t kNoRead = SIZE_MAX;
+
+// Finds what xml_ReadInnerXML gives for each of the `count` "Name" start nodes of the scan, in one walk:
+// called per name, its walks nest, and those of nested unclosed names each run to the end of the list. The
+// walk for a name ends at the closing node that brings the count of open start nodes back under the name's
+// level; it matches if it bears the same name.
+void readNames(const xml_node* first, NameRead* reads, size_t count) {
+    size_t open = 0;
+    size_t met = 0;
+    size_t top = kNoRead;  // the innermost name still open
+    for (const xml_node* node = first; node && (met < count || top != kNoRead); node = node->next) {
+        if (node->isStart) {
+            ++open;
+            if (met < count && isLanguageName(node)) {
+                reads[met] = {node, open, top, nullptr, 0};
+                top = met++;
+            }
+            continue;
+        }
+        if (open == 0) continue;  // closes nothing that a name's walk counts
+        if (top != kNoRead && reads[top].level == open) {
+            NameRead& read = reads[top];
+            const xml_node* name = read.node;
+            if (node->nameLength == name->nameLength && node->name &&
+                memcmp(node->name, name->name, static_cast<size_t>(name->nameLength)) == 0) {
+                const ptrdiff_t length = node->position - name->position - 1;
+                if (length > 0) {
+                    read.inner = name->position;
+                    read.length = length > INT_MAX ? INT_MAX : static_cast<int>(length);
+                }
+            }
+            top = read.below;
+        }
+        --open;
+    }
 }
 
 void releaseTerm(termInfo* term) {
@@ -153,7 +208,7 @@ int ZvLanguageReader::loadConfigValues(char* configPath, char* languageFilePath)
         if (getConfigStringLen(kSection, kLanguageKey, length) != CFG_OK || length < 0)
             throw "GetConfigStringLen failed while getting current language !!!";
         free(currentLanguage);
-        currentLanguage = static_cast<char*>(calloc(static_cast<size_t>(length) + 1, 1));
+        currentLanguage = static_cast<char*>(languageReaderCalloc(static_cast<size_t>(length) + 1, 1));
         if (!currentLanguage) throw "Not enough memory found !!!";
         if (getConfigString(kSection, kLanguageKey, reinterpret_cast<unsigned char*>(currentLanguage),
                             length) != CFG_OK)
@@ -180,7 +235,7 @@ int ZvLanguageReader::copyXMLFileBuffer(char* path, char** text) {
         // A size that can't be told (a directory, a pipe) or that the int result can't carry is not a file to
         // load.
         if (size < 0 || size >= INT_MAX) throw "Language file read failed !!!";
-        *text = static_cast<char*>(calloc(static_cast<size_t>(size) + 1, 1));
+        *text = static_cast<char*>(languageReaderCalloc(static_cast<size_t>(size) + 1, 1));
         if (!*text) throw "Not enough memory found !!!";
         if (fread(*text, 1, static_cast<size_t>(size), file) < static_cast<size_t>(size))
             throw "Language file read failed !!!";
@@ -212,23 +267,39 @@ xml_node* ZvLanguageReader::copyBufferToXMLNode(char* text, int length) {
 int ZvLanguageReader::loadLanguagesList(xml_node* first) {
     free(supportedLanguages);
     supportedLanguages = nullptr;
+    // The scan takes every "Name" start node up to the first closing "Languages" node.
+    size_t names = 0;
+    for (const xml_node* node = first; node && !endsLanguageScan(node); node = node->next)
+        names += isLanguageName(node) ? 1 : 0;
+    if (names == 0) return 0;
+    NameRead* reads = static_cast<NameRead*>(languageReaderCalloc(names, sizeof(NameRead)));
+    if (!reads) return 0;
+    readNames(first, reads, names);
+
+    // Nested names overlap, so the texts may add up to more than the file, even beyond what a size can
+    // hold: that is a list no memory holds.
     int count = 0;
-    size_t used = 0;
-    for (xml_node* node = first; node; node = node->next) {
-        if (!node->isStart && nameStartsWith(node, "Languages")) break;
-        if (!node->isStart || !nameStartsWith(node, "Name")) continue;
-        char* inner = nullptr;
-        int length = xml_ReadInnerXML(node, &inner);
-        if (length <= 0) continue;
-        char* grown = static_cast<char*>(realloc(supportedLanguages, used + static_cast<size_t>(length) + 2));
-        if (!grown) break;  // keep the names read so far
-        supportedLanguages = grown;
-        memcpy(supportedLanguages + used, inner, static_cast<size_t>(length));
-        used += static_cast<size_t>(length);
-        supportedLanguages[used++] = '|';
-        supportedLanguages[used] = '\0';
+    size_t bytes = 1;
+    for (size_t i = 0; i < names && bytes != 0; ++i) {
+        if (reads[i].length <= 0) continue;
+        const size_t more = static_cast<size_t>(reads[i].length) + 1;
+        bytes = more <= SIZE_MAX - bytes ? bytes + more : 0;
         ++count;
     }
+    char* joined = count > 0 && bytes != 0 ? static_cast<char*>(languageReaderCalloc(bytes, 1)) : nullptr;
+    if (joined) {
+        char* end = joined;
+        for (size_t i = 0; i < names; ++i) {
+            if (reads[i].length <= 0) continue;
+            memcpy(end, reads[i].inner, static_cast<size_t>(reads[i].length));
+            end += reads[i].length;
+            *end++ = '|';
+        }
+        supportedLanguages = joined;
+    } else {
+        count = 0;
+    }
+    free(reads);
     return count;
 }
 

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <mutex>
 #include <new>
 
 #include "media/internal.h"
@@ -17,6 +18,8 @@ void* (*mediaMapperAlloc)(size_t size) = malloc;
 namespace {
 
 const char kFormatFile[] = "MediaFormats.xml";
+
+std::mutex firstLoadLock;  // held through a load, by the threads of this process
 
 // The lookup's work limits: an extension of at most 55 bytes, and the first 1023 bytes of a record's
 // extension list. A joined plug-in list holds at most 1023 bytes with its last comma.
@@ -37,25 +40,24 @@ private:
 };
 
 // The properties in the order they are tried: a tag matches the first property of which it is a
-// case-independent prefix, so "M" is MimeType and "Med" is MediaType.
-enum Property {
-    kFormatName,
-    kExtensions,
-    kMimeType,
-    kMediaType,
-    kDlnaClass,
-    kDlnaProfile,
-    kTranscode,
-    kParser,
-    kDap
-};
-const struct {
+// case-independent prefix, so "M" is MimeType and "Med" is MediaType. A text property names the field
+// that keeps its text; the values of the other two are mapped to a byte.
+enum Treatment { kText, kMediaTypeValue, kTranscodeValue };
+struct Property {
     const char* name;
-    Property property;
-} kProperties[] = {
-    {"FormatName", kFormatName}, {"Extensions", kExtensions}, {"MimeType", kMimeType},
-    {"MediaType", kMediaType},   {"DLNA_Class", kDlnaClass},  {"DLNA_Profile", kDlnaProfile},
-    {"Transcode", kTranscode},   {"Parser", kParser},         {"DAP", kDap},
+    Treatment treatment;
+    char* MediaFormatInfo::*field;  // for kText
+};
+const Property kProperties[] = {
+    {"FormatName", kText, &MediaFormatInfo::formatName},
+    {"Extensions", kText, &MediaFormatInfo::extensions},
+    {"MimeType", kText, &MediaFormatInfo::mimeType},
+    {"MediaType", kMediaTypeValue, nullptr},
+    {"DLNA_Class", kText, &MediaFormatInfo::dlnaClass},
+    {"DLNA_Profile", kText, &MediaFormatInfo::dlnaProfile},
+    {"Transcode", kTranscodeValue, nullptr},
+    {"Parser", kText, &MediaFormatInfo::parserName},
+    {"DAP", kText, &MediaFormatInfo::dapName},
 };
 
 const struct {
@@ -87,6 +89,12 @@ char* CopyText(const char* text, size_t length) {
     return copy;
 }
 
+// The null link that ends the list into which `link` leads.
+MediaFormatInfo** LastLink(MediaFormatInfo** link) {
+    while (*link != nullptr) link = &(*link)->next;
+    return link;
+}
+
 // Releases the table without taking the lock: the failed load runs it while it holds the lock already.
 void ReleaseTable(MediaMapper& mapper) {
     MediaFormatInfo* format = mapper.formatList;
@@ -109,6 +117,10 @@ MediaMapper::~MediaMapper() {
 }
 
 int MediaMapper::initialize() {
+    if (__atomic_load_n(&isInitialized, __ATOMIC_ACQUIRE) == 1) return 1;
+    // Threads of this process load one at a time, and a thread that waited here finds the table loaded: the
+    // semaphore can't do that alone, since it is made right here and may be missing.
+    std::lock_guard<std::mutex> loading(firstLoadLock);
     if (isInitialized == 1) return 1;
     if (mutex == nullptr) {
         mutex = new (std::nothrow) Mutex("MediaMapper");
@@ -130,8 +142,7 @@ int MediaMapper::initialize() {
 
         // Records go on at the tail, found once here rather than by a walk from the head for each record,
         // which made a load quadratic in the number of formats.
-        MediaFormatInfo** tail = &formatList;
-        while (*tail != nullptr) tail = &(*tail)->next;
+        MediaFormatInfo** tail = LastLink(&formatList);
         int depth = 0;
         for (xml_node* node = nodes; node != nullptr; node = node->next) {
             if (node->isStart != 0) {
@@ -152,19 +163,17 @@ int MediaMapper::initialize() {
                 }
             } else {
                 if (depth == 2 && current != nullptr) {
-                    current->next = nullptr;
                     *tail = current;
-                    tail = &current->next;
+                    tail = LastLink(&current->next);
                     current = nullptr;
                 }
                 --depth;
             }
         }
-        isInitialized = 1;
+        __atomic_store_n(&isInitialized, 1, __ATOMIC_RELEASE);
     } catch (...) {
         // The texts thrown above only choose the way out; the caller sees the result 0.
         ReleaseTable(*this);
-        isInitialized = 0;
     }
     // A record whose closing tag never came is not part of the table.
     clearFormatNode(current);
@@ -182,14 +191,15 @@ void MediaMapper::uninitialize() {
 
 void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int tagLength, char* value,
                                        int valueLength) {
-    // An empty value leaves the property unset, as an empty element does in the file.
-    if (format == nullptr || tag == nullptr || tagLength <= 0 || value == nullptr || valueLength <= 0) return;
+    // Empty texts are no exception: a tag of no bytes is a prefix of the first property, and an empty value
+    // is stored as an empty text. The load itself passes over empty elements.
+    if (format == nullptr || tag == nullptr || tagLength < 0 || value == nullptr || valueLength < 0) return;
 
     const Property* property = nullptr;
-    for (const auto& candidate : kProperties) {
+    for (const Property& candidate : kProperties) {
         // Over the tag's length only: a tag longer than the name meets the name's terminator and differs.
         if (StrnCaseCmp(tag, candidate.name, static_cast<size_t>(tagLength)) == 0) {
-            property = &candidate.property;
+            property = &candidate;
             break;
         }
     }
@@ -197,7 +207,7 @@ void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int t
 
     // The value compares as a terminated copy would: up to its first zero byte.
     size_t length = strnlen(value, static_cast<size_t>(valueLength));
-    if (*property == kMediaType) {
+    if (property->treatment == kMediaTypeValue) {
         for (const auto& type : kMediaTypes) {
             if (EqualsNoCase(value, length, type.value)) {
                 format->mediaType = type.mediaType;
@@ -206,7 +216,7 @@ void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int t
         }
         return;
     }
-    if (*property == kTranscode) {
+    if (property->treatment == kTranscodeValue) {
         unsigned char flag = 0;
         for (const char* yes : kTranscodeYes) {
             if (EqualsNoCase(value, length, yes)) flag = 1;
@@ -215,45 +225,17 @@ void MediaMapper::assignFormatProperty(MediaFormatInfo* format, char* tag, int t
         return;
     }
 
-    char** field = nullptr;
-    switch (*property) {
-        case kFormatName:
-            field = &format->formatName;
-            break;
-        case kExtensions:
-            field = &format->extensions;
-            break;
-        case kMimeType:
-            field = &format->mimeType;
-            break;
-        case kDlnaClass:
-            field = &format->dlnaClass;
-            break;
-        case kDlnaProfile:
-            field = &format->dlnaProfile;
-            break;
-        case kParser:
-            field = &format->parserName;
-            break;
-        case kDap:
-            field = &format->dapName;
-            break;
-        default:
-            return;
-    }
     // Out of memory: the field keeps what it had.
     char* copy = CopyText(value, static_cast<size_t>(valueLength));
     if (copy == nullptr) return;
-    free(*field);
-    *field = copy;
+    char*& field = format->*property->field;
+    free(field);
+    field = copy;
 }
 
 void MediaMapper::addFormatToList(MediaFormatInfo* format) {
-    if (format == nullptr) return;
-    format->next = nullptr;
-    MediaFormatInfo** tail = &formatList;
-    while (*tail != nullptr) tail = &(*tail)->next;
-    *tail = format;
+    // Whatever hangs on the record comes along.
+    *LastLink(&formatList) = format;
 }
 
 void MediaMapper::clearFormatNode(MediaFormatInfo* format) {
@@ -305,11 +287,14 @@ MediaFormatInfo* MediaMapper::getFormatInfoByExtension(char* extension) {
         const char* list = format->extensions;
         if (list == nullptr) continue;
         // Tokens between commas, blanks kept, in one pass. Only tokens that end within the list's first
-        // 1023 bytes count: one cut by that limit must not match a shorter extension.
+        // 1023 bytes count: one cut by that limit must not match a shorter extension. So the limit is tested
+        // behind the token test: a token ended by the byte at offset 1023 still counts.
         size_t start = 0;
         for (size_t i = 0;; ++i) {
             const unsigned char c = static_cast<unsigned char>(list[i]);
-            if (c <= ',' && (c == ',' || c == '\0')) {  // letters and digits pass one test
+            // Only a comma or the terminator ends a token; the first test alone passes every byte above ','
+            // (letters, digits, dots), which is nearly every byte.
+            if (c <= ',' && (c == ',' || c == '\0')) {
                 if (i - start == wantedLength &&
                     tolower(static_cast<unsigned char>(list[start])) == wantedFirst &&
                     StrnCaseCmp(list + start, wanted, wantedLength) == 0)

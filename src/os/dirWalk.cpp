@@ -138,9 +138,10 @@ int Zv_FindNext(void* handle, wchar_t* path, FileFindData* data) {
 }
 
 int Zv_FindClose(void* handle) {
-    // null is refused too: closedir would crash on it.
-    if (handle == kNoHandle || handle == nullptr) return 0;
-    ::closedir(static_cast<DIR*>(handle));
+    // Only -1 is refused. A null counts as closed: closedir is declared never to take one, and all that the
+    // C library would do with it is fail with EINVAL.
+    if (handle == kNoHandle) return 0;
+    if (handle != nullptr) ::closedir(static_cast<DIR*>(handle));
     return 1;
 }
 

@@ -1,6 +1,6 @@
-// What the modules of os/ share: the table of system calls that threads, events and the walker go through.
-// Tests swap entries to inject failures, spurious wake-ups and fixed clocks; callers of the library never see
-// it.
+// What the modules of os/ share: the table of system calls that threads, events and the walker go through,
+// defined in systemCalls.cpp. Tests swap entries to inject failures, spurious wake-ups and fixed clocks;
+// callers of the library never see it.
 #pragma once
 
 #include <pthread.h>

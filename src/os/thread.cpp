@@ -40,11 +40,6 @@ Thread::~Thread() {
 // null check of the sanitizer would take that for a fault.
 __attribute__((no_sanitize("null"))) void* Thread::ThreadSpawn(void* object) {
     Thread* self = static_cast<Thread*>(object);
-    ::pthread_mutex_lock(&self->mutex);
-    while (self->suspended != 0) ::pthread_cond_wait(&self->stateCond, &self->mutex);
-    ::pthread_mutex_unlock(&self->mutex);
-
-    ::srand(0);
     // Once `finished` is set an owner may delete the object at any moment: only a self-deleting thread may
     // touch it after that.
     auto finish = [self] {
@@ -56,6 +51,19 @@ __attribute__((no_sanitize("null"))) void* Thread::ThreadSpawn(void* object) {
         ::pthread_mutex_unlock(&self->mutex);
         if (deleteSelf != 0) delete self;
     };
+    ::pthread_mutex_lock(&self->mutex);
+    try {
+        while (self->suspended != 0) ::pthread_cond_wait(&self->stateCond, &self->mutex);
+    } catch (...) {
+        // Cancelled while held: the wait comes back with the mutex taken. The body never runs, but the
+        // object finishes, or resume, wait and the destructor would block for good.
+        ::pthread_mutex_unlock(&self->mutex);
+        finish();
+        throw;
+    }
+    ::pthread_mutex_unlock(&self->mutex);
+
+    ::srand(0);
     void* result = reinterpret_cast<void*>(1);
     try {
         self->run();
@@ -92,10 +100,21 @@ void Thread::setPriority(Thread::Priority /*priority*/) {
 void Thread::wait() {
     ::pthread_mutex_lock(&mutex);
     if (LoadFlag(&finished) == 0) {
+        auto leave = [this] {
+            if (--waiterCount == 0) ::pthread_cond_signal(&waitersGoneCond);
+        };
         // One wait only, not a loop: `resume` wakes it as well, and the caller asks isFinished afterwards.
         ++waiterCount;
-        ::pthread_cond_wait(&stateCond, &mutex);
-        if (--waiterCount == 0) ::pthread_cond_signal(&waitersGoneCond);
+        try {
+            ::pthread_cond_wait(&stateCond, &mutex);
+        } catch (...) {
+            // The caller was cancelled: the wait comes back with the mutex taken. It leaves as if woken, or
+            // the destructor would wait for it for good.
+            leave();
+            ::pthread_mutex_unlock(&mutex);
+            throw;
+        }
+        leave();
     }
     ::pthread_mutex_unlock(&mutex);
 }

@@ -25,9 +25,10 @@ const char* findLastByte(const char* from, long long length, char byte) {
 // Nodes are handed out from blocks, a few hundred at most to a block, so that a parse makes one allocation
 // per block instead of one per node. Each node's slot names its block and the block counts the nodes still
 // out: nodes can still be released one by one along next, from any node on, and a block goes with its last
-// node.
+// node. Parts of one list are released on any threads, so the count drops atomically, once per run of
+// nodes from one block.
 struct NodeBlock {
-    size_t live;  // nodes of this block not yet released
+    size_t live;  // nodes not yet released; counted up by the parse, before the list is shared
 };
 
 struct NodeSlot {
@@ -41,9 +42,10 @@ NodeSlot* slotOf(xml_node* node) {
     return reinterpret_cast<NodeSlot*>(reinterpret_cast<char*>(node) - offsetof(NodeSlot, node));
 }
 
-void releaseNode(xml_node* node) {
-    NodeBlock* block = slotOf(node)->block;
-    if (--block->live == 0) ::free(block);
+// The last release frees the block: after (acquire) every other thread's reads of its nodes, which come
+// before their own releases (release).
+void releaseNodes(NodeBlock* block, size_t count) {
+    if (__atomic_sub_fetch(&block->live, count, __ATOMIC_ACQ_REL) == 0) ::free(block);
 }
 
 class NodeAllocator {
@@ -153,8 +155,8 @@ bool addCandidate(NodeList& list, char* candidate, long long length, bool endsAt
     char* wordEnd = tag;
     char* colon = nullptr;
     char* secondColon = nullptr;
-    char* cut = nullptr;       // first name end in a name without prefix
-    char* cutAfter = nullptr;  // first name end behind the first colon
+    char* nameEndNoPrefix = nullptr;    // where such a byte ends a name without prefix
+    char* nameEndAfterColon = nullptr;  // where one ends a name behind the first colon
     for (;; ++wordEnd) {
         // Plain bytes are passed without a bound test where the "<" behind the candidate stops the scan.
         if (endsAtLt) {
@@ -171,9 +173,9 @@ bool addCandidate(NodeList& list, char* candidate, long long length, bool endsAt
             else if (!secondColon)
                 secondColon = wordEnd;
         } else if (!colon) {
-            if (!cut && wordEnd > tag) cut = wordEnd;
-        } else if (!cutAfter && wordEnd > colon + 1) {
-            cutAfter = wordEnd;
+            if (!nameEndNoPrefix && wordEnd > tag) nameEndNoPrefix = wordEnd;
+        } else if (!nameEndAfterColon && wordEnd > colon + 1) {
+            nameEndAfterColon = wordEnd;
         }
     }
     const char* gt = wordEnd < tagEnd && *wordEnd == '>' ? wordEnd : findByte(wordEnd, tagEnd - wordEnd, '>');
@@ -195,12 +197,12 @@ bool addCandidate(NodeList& list, char* candidate, long long length, bool endsAt
         prefixLength = colon - tag;
         name = colon + 1;
         nameEnd = secondColon ? secondColon : wordEnd;
-        cut = cutAfter;
     }
     // The first byte is never looked at, so a name may begin with "/" or a line end.
-    if (cut && cut < nameEnd) {
-        if (*cut == '/') empty = true;
-        nameEnd = cut;
+    char* const earlyEnd = colon ? nameEndAfterColon : nameEndNoPrefix;
+    if (earlyEnd && earlyEnd < nameEnd) {
+        if (*earlyEnd == '/') empty = true;
+        nameEnd = earlyEnd;
     }
     const long long nameLength = nameEnd - name;
     if (nameLength == 0) return true;
@@ -268,6 +270,7 @@ xml_node* xml_ParseXML(char* text, int start, int end) {
         char* lt = candidate < rangeEnd ? const_cast<char*>(findByte(candidate, rangeEnd - candidate, '<'))
                                         : nullptr;
         const long long length = lt ? lt - candidate : (candidate < rangeEnd ? rangeEnd - candidate : 0);
+        // `lt` lies inside the range: the unbounded part of the candidate's scan stops at it.
         if (!addCandidate(list, candidate, length, lt != nullptr)) {
             // A list with nodes missing would read as another document: give none.
             xml_DestructXMLNodeList(list.first);
@@ -333,12 +336,17 @@ int xml_ReadInnerXML(xml_node* node, char** innerText) {
 
 void xml_DestructXMLNodeList(xml_node* first) {
     while (first) {
-        xml_node* next = first->next;
-        releaseNode(first);
-        first = next;
+        NodeBlock* const block = slotOf(first)->block;
+        size_t count = 0;
+        do {
+            first = first->next;
+            ++count;
+        } while (first && slotOf(first)->block == block);
+        releaseNodes(block, count);
     }
 }
 
+// The stack is for callers: nothing in the parser uses it, since matching keeps its stack in the nodes.
 void xml_CreateStack(void** stack) {
     if (stack) *stack = nullptr;
 }

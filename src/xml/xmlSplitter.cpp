@@ -72,6 +72,37 @@ namespace {
 // Nothing writes it, and xml_DestructParserResults leaves it alone.
 parser_result outOfMemoryResult = {nullptr, nullptr, 0};
 
+void releasePieces(parser_result* result) {
+    for (parser_field* field = result->first; field;) {
+        parser_field* following = field->next;
+        ::free(field);
+        field = following;
+    }
+}
+
+// Appends one piece. When it cannot be allocated the result is left with no piece at all, since a split with
+// pieces missing would be read as a different text, and the answer is false.
+bool appendPiece(parser_result* result, char* text, int length) {
+    parser_field* field = static_cast<parser_field*>(xmlparser::allocate(sizeof(parser_field)));
+    if (!field) {
+        releasePieces(result);
+        result->first = nullptr;
+        result->last = nullptr;
+        result->count = 0;
+        return false;
+    }
+    field->text = text;
+    field->length = length;
+    field->next = nullptr;
+    if (result->first)
+        result->last->next = field;
+    else
+        result->first = field;
+    result->last = field;
+    ++result->count;
+    return true;
+}
+
 parser_result* split(char* buffer, long long start, long long limit, char* delimiter, int delimiterLength,
                      bool quoteAware) {
     parser_result* result = static_cast<parser_result*>(xmlparser::allocate(sizeof(parser_result)));
@@ -79,34 +110,18 @@ parser_result* split(char* buffer, long long start, long long limit, char* delim
     result->first = nullptr;
     result->last = nullptr;
     result->count = 0;
-    if (!buffer) return result;
+    if (!buffer) {
+        // Only the blind splitter tests for a null buffer. The quote-aware one walks its range, which must
+        // then be empty, and gives the one empty piece that ends every walk, pointing nowhere.
+        if (quoteAware && limit <= start) appendPiece(result, nullptr, 0);
+        return result;
+    }
 
     xmlparser::Splitter splitter(buffer, start, limit, delimiter, delimiterLength, quoteAware);
     char* text;
     int length;
     while (splitter.next(text, length)) {
-        parser_field* field = static_cast<parser_field*>(xmlparser::allocate(sizeof(parser_field)));
-        if (!field) {
-            // A split with pieces missing would be read as a different text: give no pieces at all.
-            for (parser_field* f = result->first; f;) {
-                parser_field* following = f->next;
-                ::free(f);
-                f = following;
-            }
-            result->first = nullptr;
-            result->last = nullptr;
-            result->count = 0;
-            return result;
-        }
-        field->text = text;
-        field->length = length;
-        field->next = nullptr;
-        if (result->first)
-            result->last->next = field;
-        else
-            result->first = field;
-        result->last = field;
-        ++result->count;
+        if (!appendPiece(result, text, length)) break;
     }
     return result;
 }
@@ -130,10 +145,6 @@ int xml_IsDelimiter(char* buffer, int position, int end, char* delimiter, int de
 
 void xml_DestructParserResults(parser_result* result) {
     if (!result || result == &outOfMemoryResult) return;
-    for (parser_field* field = result->first; field;) {
-        parser_field* following = field->next;
-        ::free(field);
-        field = following;
-    }
+    releasePieces(result);
     ::free(result);
 }

@@ -5,11 +5,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <iterator>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "language/internal.h"
 #include "msplatform/ZvLanguageReader.h"
+#include "msplatform/xmlParser.h"
 #include "support/support.h"
 
 namespace {
@@ -148,6 +152,56 @@ TEST(LanguageReader, TermsOfOddDocumentsAndFailures) {
     }
 }
 
+// The names as the rule reads them, name by name: xml_ReadInnerXML on each "Name" start node up to the first
+// closing "Languages" node.
+std::string ReferenceNames(xml_node* first, int* count) {
+    std::string joined;
+    *count = 0;
+    for (xml_node* node = first; node; node = node->next) {
+        const std::string name(node->name, static_cast<size_t>(node->nameLength));
+        if (!node->isStart && name.rfind("Languages", 0) == 0) break;
+        if (!node->isStart || name.rfind("Name", 0) != 0) continue;
+        char* inner = nullptr;
+        const int length = xml_ReadInnerXML(node, &inner);
+        if (length <= 0) continue;
+        joined += std::string(inner, static_cast<size_t>(length)) + "|";
+        ++*count;
+    }
+    return joined;
+}
+
+TEST(LanguageReader, NamesReadInOneWalkAsEachAlone) {
+    const char* const pieces[] = {
+        "<Name>",   "</Name>",        "<Names>",     "</Names>",     "<Nam>",         "</Nam>", "<Name/>",
+        "<x:Name>", "</y:Name>",      "<Languages>", "</Languages>", "</LanguagesX>", "<x>",    "</x>",
+        "<y/>",     "<Name a=\"1\">", "a",           " b\n"};
+    std::mt19937 rng(20261124);
+    ZvLanguageReader reader;
+    for (int i = 0; i < 4000; ++i) {
+        std::string text;
+        for (int k = static_cast<int>(rng() % 24); k > 0; --k) text += pieces[rng() % std::size(pieces)];
+        SCOPED_TRACE(text);
+        xml_node* nodes = xml_ParseXML(&text[0], 0, static_cast<int>(text.size()));
+        int count;
+        const std::string expected = ReferenceNames(nodes, &count);
+        ASSERT_EQ(count, reader.loadLanguagesList(nodes));
+        ASSERT_EQ(expected, reader.supportedLanguages ? reader.supportedLanguages : "");
+        ASSERT_EQ(count == 0, reader.supportedLanguages == nullptr);
+        xml_DestructXMLNodeList(nodes);
+    }
+
+    // Nested names that nothing closes: read one by one, each read runs to the end of the list.
+    std::string nested = "<Languages>";
+    for (int i = 0; i < 200000; ++i) nested += "<Name>";
+    nested += "<Name>English</Name></Languages>";
+    xml_node* nodes = xml_ParseXML(&nested[0], 0, static_cast<int>(nested.size()));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(1, reader.loadLanguagesList(nodes));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_STREQ("English|", reader.supportedLanguages);
+    xml_DestructXMLNodeList(nodes);
+}
+
 TEST(LanguageReader, AFifoAsLanguageFileFailsAtOnce) {
     LanguageDir dir("English", "");
     ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
@@ -229,7 +283,7 @@ TEST(LanguageReader, SecondLoadAppendsAndFailedLoadKeepsWhatItStored) {
 TEST(LanguageReader, FailedAllocationsLoseTermsNotTheProcess) {
     const std::string document =
         Document(kTermA + "<T ID=\"b\"><English>y</English></T><T ID=\"c\"><English>z</English></T>");
-    for (int n = 0; n < 10; ++n) {
+    for (int n = 0; n < 14; ++n) {
         static int granted;
         granted = n;
         languageReaderCalloc = [](size_t count, size_t size) {
@@ -238,7 +292,7 @@ TEST(LanguageReader, FailedAllocationsLoseTermsNotTheProcess) {
         Load load = LoadDocument(document);
         languageReaderCalloc = calloc;
         EXPECT_LE(load.terms.size(), 3u) << n;
-        if (n >= 9) {
+        if (n >= 13) {
             EXPECT_EQ((Strings{"a=x", "b=y", "c=z"}), load.terms);
         }
     }

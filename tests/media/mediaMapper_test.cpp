@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <thread>
+#include <vector>
 
 #include "media/internal.h"
 #include "mediaTestUtil.h"
@@ -50,6 +51,26 @@ TEST_F(MediaMapperLoad, LoadedTableIsNotReadAgainUntilReleased) {
     mapper.uninitialize();  // already empty: nothing happens
     EXPECT_EQ(1, mapper.initialize());
     EXPECT_EQ((Strings{"-|ogg|-|-|-|-|-|0|0", "-|wav|-|-|-|-|-|0|0"}), DumpList(mapper.formatList));
+}
+
+// Threads that make the first load at once: one loads, the others wait and find the table loaded.
+TEST_F(MediaMapperLoad, FirstLoadOnSeveralThreadsAtOnceLoadsOnce) {
+    Write("<F><R><E>mp3</E></R><R><E>ogg</E></R></F>");
+    // The first load stalls at its first record, so that the other threads come meanwhile.
+    static std::atomic<bool> stalled;
+    stalled = false;
+    mediaMapperAlloc = [](size_t size) {
+        if (!stalled.exchange(true)) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        return malloc(size);
+    };
+    TestMapper mapper;
+    std::atomic<int> loaded{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) threads.emplace_back([&] { loaded += mapper.initialize(); });
+    for (auto& thread : threads) thread.join();
+    mediaMapperAlloc = malloc;
+    EXPECT_EQ(4, loaded);
+    EXPECT_EQ((Strings{"-|mp3|-|-|-|-|-|0|0", "-|ogg|-|-|-|-|-|0|0"}), DumpList(mapper.formatList));
 }
 
 TEST_F(MediaMapperLoad, LevelsDecideRecordsAndProperties) {
@@ -105,18 +126,36 @@ TEST_F(MediaMapperLoad, TagsAndValues) {
     EXPECT_EQ(expected, DumpList(mapper.formatList));
 }
 
-TEST(MediaMapperProperty, AssignedDirectly) {
+// Called directly, the load's pieces apply no rule of the load: an empty value is stored, a tag of no bytes
+// is a prefix of FormatName, and an appended record keeps what hangs on it.
+TEST(MediaMapperProperty, AssignedAndAppendedDirectly) {
     TestMapper mapper;
     MediaFormatInfo format = {};
     char tag[] = "MimeTypeXYZ", value[] = "audio/mpeg-and-more", mediaTag[] = "med",
          mediaValue[] = "videoclip";
-    mapper.assignFormatProperty(&format, tag, 4, value, 10);  // "Mime", "audio/mpeg"
-    mapper.assignFormatProperty(&format, tag, 0, value, 10);  // no tag: nothing
-    mapper.assignFormatProperty(&format, tag, 4, value, 0);   // empty value: nothing
+    mapper.assignFormatProperty(&format, tag, 4, value, 10);          // "Mime": "audio/mpeg"
+    mapper.assignFormatProperty(&format, tag, 0, value, 5);           // "": FormatName "audio"
+    mapper.assignFormatProperty(&format, mediaTag + 2, 1, value, 0);  // "d": DLNA_Class ""
+    mapper.assignFormatProperty(&format, tag, -1, value, 10);         // negative lengths: nothing
+    mapper.assignFormatProperty(&format, tag, 4, value, -1);
     mapper.assignFormatProperty(nullptr, tag, 4, value, 10);
     mapper.assignFormatProperty(&format, mediaTag, 3, mediaValue, 5);
-    EXPECT_EQ("-|-|audio/mpeg|-|-|-|-|0|v", Dump(&format));
+    EXPECT_EQ("audio|-|audio/mpeg||-|-|-|0|v", Dump(&format));
+
+    MediaFormatInfo* records[3];
+    for (auto& record : records) record = static_cast<MediaFormatInfo*>(calloc(1, sizeof(MediaFormatInfo)));
+    records[0]->next = records[1];
+    mapper.addFormatToList(records[2]);
+    mapper.addFormatToList(records[0]);
+    MediaFormatInfo* list = mapper.formatList;
+    EXPECT_EQ(records[2], list);
+    EXPECT_EQ(records[0], list->next);
+    EXPECT_EQ(records[1], list->next->next);
+    EXPECT_EQ(nullptr, records[1]->next);
+    mapper.clearFormatList();
+    free(format.formatName);
     free(format.mimeType);
+    free(format.dlnaClass);
 }
 
 TEST_F(MediaMapperLoad, FailedAllocationsLoseOnlyWhatTheyWereFor) {

@@ -231,9 +231,9 @@ TEST(DirWalk, ChildDirectoryWalkPassesOverTheRestAndNoHandleIsEverUsed) {
     EXPECT_EQ(openBefore, OpenDescriptors());
     EXPECT_EQ(nullptr, Zv_FindFirst(&missing[0], &data));
     EXPECT_EQ(nullptr, Zv_FindFirst(nullptr, &data));
-    // Neither kind of "no handle" is read from or closed.
+    // Neither kind of "no handle" is read from or closed, but only -1 is refused.
     EXPECT_EQ(0, Zv_FindClose(kNoHandle));
-    EXPECT_EQ(0, Zv_FindClose(nullptr));
+    EXPECT_EQ(1, Zv_FindClose(nullptr));
     EXPECT_EQ(-1, Zv_FindNext(nullptr, &path[0], &data));
     EXPECT_EQ(-1, Zv_FindNext(kNoHandle, &path[0], &data));
     EXPECT_EQ(0, Zv_FindNextChildDir(kNoHandle, &path[0], &data));

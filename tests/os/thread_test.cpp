@@ -137,6 +137,46 @@ TEST(Thread, EveryEndOfTheBodyFinishesReleasesWaitersAndDeletesASelfDeletingObje
     }
 }
 
+// Cancellation leaves nothing held: a thread cancelled while held finishes without its body, and a caller
+// cancelled inside wait leaves as if woken.
+TEST(Thread, CancelledWhileHeldOrInsideWaitLeavesNothingBlocked) {
+    for (int selfDeleting : {0, 1}) {
+        Probe probe;
+        const int before = deletedObjects;
+        TestThread* thread = new TestThread(&probe, selfDeleting);
+        const pthread_t id = thread->Id();
+        // As for resume, the owner is done with the object before the thread may go on: taking its mutex
+        // orders both for the sanitizer, which sees no order in the cancellation itself.
+        thread->Waiters();
+        ASSERT_EQ(0, pthread_cancel(id));
+        if (selfDeleting) {
+            EXPECT_TRUE(ostest::WaitUntil([&] { return deletedObjects == before + 1; }));
+            continue;
+        }
+        ASSERT_TRUE(ostest::WaitUntil([thread] { return thread->isFinished() == 1; }));
+        Within("resume and delete a cancelled thread", [thread] {
+            thread->resume();
+            delete thread;
+        });
+        EXPECT_EQ(0, probe.runs);
+    }
+
+    Probe probe;
+    TestThread* thread = new TestThread(&probe);
+    auto waitOn = [](void* object) -> void* {
+        static_cast<TestThread*>(object)->wait();
+        return nullptr;
+    };
+    pthread_t waiter;
+    ASSERT_EQ(0, pthread_create(&waiter, nullptr, waitOn, thread));
+    WaitForWaiters(thread, 1);
+    ASSERT_EQ(0, pthread_cancel(waiter));
+    Within("join the cancelled waiter", [waiter] { pthread_join(waiter, nullptr); });
+    Within("count the waiters", [thread] { EXPECT_EQ(0, thread->Waiters()); });
+    thread->resume();
+    FinishAndDelete(probe, thread);
+}
+
 TEST(Thread, SetPriorityAlwaysGivesNormalPolicyAtZero) {
     Probe probe;
     TestThread* thread = new TestThread(&probe);

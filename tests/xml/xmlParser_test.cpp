@@ -2,8 +2,10 @@
 
 #include <string.h>
 
+#include <atomic>
 #include <climits>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -100,11 +102,23 @@ TEST(XmlSplitter, RangesAndOffsets) {
     }
 }
 
-// A null buffer (not a legal call of the quote-aware one) and failed allocations give the empty result.
+// A null buffer and failed allocations give the empty result, but for the quote-aware splitter over an empty
+// range: it has no null test, and walks nothing to the one empty piece.
 TEST(XmlSplitter, NullBufferAndFailedAllocationGiveNoPieceButNeverNull) {
     char text[] = "a,b,c", comma[] = ",";
     EXPECT_TRUE(Empty(xml_ParseString(nullptr, 0, 10, comma, 1)));
+    EXPECT_TRUE(Empty(xml_ParseString(nullptr, 0, 0, comma, 1)));
     EXPECT_TRUE(Empty(xml_ParseStringAdv(nullptr, 0, 10, comma, 1)));
+    for (int start : {0, 3}) {
+        for (int length : {0, -2}) {
+            parser_result* r = xml_ParseStringAdv(nullptr, start, length, comma, 1);
+            ASSERT_EQ(1, r->count);
+            EXPECT_EQ(r->first, r->last);
+            EXPECT_EQ(nullptr, r->first->text);
+            EXPECT_EQ(0, r->first->length);
+            xml_DestructParserResults(r);
+        }
+    }
     for (int granted = 0; granted < 4; ++granted) {
         xmltest::FailAllocationsAfter failing(granted);
         EXPECT_TRUE(Empty(xml_ParseString(text, 0, 5, comma, 1))) << granted;
@@ -206,6 +220,32 @@ TEST(XmlDestructXMLNodeList, ReleasesAnyTailAndJoinedLists) {
     xml_DestructXMLNodeList(first->next);
     first->next = nullptr;
     xml_DestructXMLNodeList(first);
+}
+
+// Disjoint parts of one list are their holders' own: released on several threads at once, they still free
+// each shared block once, after its last node (the sanitizers watch the blocks' counts).
+TEST(XmlDestructXMLNodeList, PartsReleasedOnSeveralThreadsAtOnce) {
+    const std::string text = ManyEmptyTags();
+    xmltest::ExactBuffer buffer(text);
+    for (int round = 0; round < 20; ++round) {
+        std::vector<xml_node*> nodes;
+        for (xml_node* n = xml_ParseXML(buffer.data(), 0, buffer.size()); n; n = n->next) nodes.push_back(n);
+        ASSERT_EQ(1000u, nodes.size());
+        std::vector<xml_node*> parts = {nodes[0]};
+        for (size_t cut : {1, 2, 124, 125, 126, 500, 999}) {  // blocks of 125, 250, 500 and 125 nodes
+            nodes[cut - 1]->next = nullptr;
+            parts.push_back(nodes[cut]);
+        }
+        std::atomic<bool> go{false};
+        std::vector<std::thread> threads;
+        for (xml_node* part : parts)
+            threads.emplace_back([&go, part] {
+                while (!go) std::this_thread::yield();
+                xml_DestructXMLNodeList(part);
+            });
+        go = true;
+        for (auto& thread : threads) thread.join();
+    }
 }
 
 // Matching keeps its stack in the nodes: nothing is allocated, so nothing can be left behind. A second run

@@ -85,7 +85,9 @@ public:
     ZvConfigCtrlMgr(const ZvConfigCtrlMgr&) = delete;
     ZvConfigCtrlMgr& operator=(const ZvConfigCtrlMgr&) = delete;
 
-    // Stores the path (1 to 260 bytes, not opened here) and gets the lock. -7 when already initialised.
+    // Stores the path (1 to 260 bytes, not opened here) and gets the lock. -7 when already initialised. A
+    // lock that this process may not use (another user's set) leaves the store working without exclusion,
+    // silently; the object stays for the next initialize.
     int initialize(const char* path);
     // Frees the sections; the lock stays for the next initialize.
     void uninitialize();

@@ -73,7 +73,8 @@ MSP_EXPORT int EndsWith(const char* text, const char* suffix, int ignoreCase);
 
 // Percent-escaping for HTTP URLs: letters, digits and / @ ; : = + $ - _ . * stand for themselves, every
 // other byte becomes "%XX". HTTPUrlEscape has no bound: `destination` must hold HTTPUrlEscapeLength(source)
-// bytes. Both give that count, terminator included.
+// bytes. Both give that count, terminator included, or -1 when it exceeds INT_MAX (a source of about 716 MB
+// or more): no destination can be sized from the count then.
 MSP_EXPORT int HTTPUrlEscape(char* destination, const char* source);
 MSP_EXPORT int HTTPUrlEscapeLength(const char* source);
 

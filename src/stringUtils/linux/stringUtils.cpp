@@ -88,6 +88,13 @@ constexpr UrlWidths makeUrlWidths() {
 
 constexpr UrlWidths kUrlWidths = makeUrlWidths();
 
+// The escaped form's size as HTTPUrlEscape and HTTPUrlEscapeLength give it. A size beyond INT_MAX gives -1, a
+// size no allocation accepts: any positive answer would be smaller than the form, and a caller who sized a
+// destination by it would be written past.
+int EscapedCount(unsigned long long bytes) {
+    return bytes > static_cast<unsigned long long>(INT_MAX) ? -1 : static_cast<int>(bytes);
+}
+
 int hexValue(unsigned char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -443,7 +450,7 @@ int HTTPUrlEscape(char* destination, const char* source) {
         }
     }
     *out++ = '\0';
-    return static_cast<int>(out - destination);
+    return EscapedCount(static_cast<unsigned long long>(out - destination));
 }
 
 int HTTPUrlEscapeLength(const char* source) {
@@ -452,7 +459,7 @@ int HTTPUrlEscapeLength(const char* source) {
     for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
         length += kUrlWidths.width[*in];
     }
-    return length > static_cast<unsigned long long>(INT_MAX) ? INT_MAX : static_cast<int>(length);
+    return EscapedCount(length);
 }
 
 int HTTPUrlUnEscape(char* text) {

@@ -117,9 +117,10 @@ std::string Escaped(const std::string& source) {
     return std::string(out.data());
 }
 
-// Every byte value against the set written out by hand; the length of 720 MiB of blanks (over 2 GiB
-// escaped) stops at the largest int rather than overflowing.
-TEST(HTTPUrlEscape, EscapesAllButTheUrlSetAndTheLengthSaturates) {
+// Every byte value against the set written out by hand. A count beyond INT_MAX is -1, never a smaller size
+// that a destination could be allocated by. kFits blanks escape to exactly INT_MAX bytes; one more goes
+// beyond (683 MiB of text, mapped from one).
+TEST(HTTPUrlEscape, EscapesAllButTheUrlSetAndACountBeyondIntMaxIsMinusOne) {
     EXPECT_EQ(Escaped("a b/c"), "a%20b/c");
     EXPECT_EQ(Escaped(""), "");
     const std::string safe = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/@;:=+$-_.*";
@@ -129,9 +130,12 @@ TEST(HTTPUrlEscape, EscapesAllButTheUrlSetAndTheLengthSaturates) {
                       c);
         EXPECT_EQ(Escaped(std::string(1, char(c))), expected) << c;
     }
-    msptest::RepeatedText blanks(' ', 720);
-    if (!blanks.text()) GTEST_SKIP() << "the system gives no 720 MiB of address space";
-    EXPECT_EQ(HTTPUrlEscapeLength(blanks.text()), INT_MAX);
+    constexpr size_t kFits = (INT_MAX - 1) / 3, kMegabytes = 683;
+    static_assert(3 * kFits + 1 == INT_MAX && kMegabytes << 20 > kFits);
+    msptest::RepeatedText blanks(' ', kMegabytes);
+    if (!blanks.text()) GTEST_SKIP() << "the system gives no 683 MiB of address space";
+    const char* end = blanks.text() + (kMegabytes << 20);
+    EXPECT_EQ(HTTPUrlEscapeLength(end - kFits - 1), -1);
 }
 
 // The buffer afterwards, its terminator included, and the result.

@@ -58,8 +58,9 @@ MSP_EXPORT char* MakeStrcpy(const char* text);
 MSP_EXPORT void StrChomp(char* text);
 
 // The whole file in a new buffer of its size plus a zero byte; `*count` receives the bytes read (also after
-// a short read, which gives null). Null, with `*count` untouched, if the file can't be opened, its size
-// can't be told or exceeds INT_MAX, or memory runs out. `count` may be null.
+// a short read, which gives null). Null, with `*count` untouched and nothing allocated, if the file can't be
+// opened, is a directory, its size can't be told or exceeds INT_MAX; null, with `*count` untouched, if
+// memory runs out. `count` may be null.
 MSP_EXPORT char* cpyfilebuf(const char* path, int* count);
 
 // The extension of the last path element, as a pointer into `path` at its dot; null if there is none or

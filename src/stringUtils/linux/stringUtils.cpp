@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "stringUtils/linux/internal.h"
@@ -104,7 +105,11 @@ int hexValue(unsigned char c) {
 
 // The stream's size by seeking to its end, or -1 if it can't be told (a pipe, a device) or doesn't fit the
 // signed 32-bit count. On the target ftell itself fails beyond 2 GiB; elsewhere the limit is kept here.
+// A directory has no size to tell, whatever the seek says: ext4 answers a 32-bit process with INT32_MAX
+// (which would cost a 2 GiB allocation before the read fails), procfs with 0.
 long streamSize(FILE* file) {
+    struct stat64 status;
+    if (::fstat64(::fileno(file), &status) != 0 || S_ISDIR(status.st_mode)) return -1;
     if (::fseek(file, 0, SEEK_END) != 0) return -1;
     const long size = ::ftell(file);
     if (size < 0 || static_cast<unsigned long>(size) > static_cast<unsigned long>(INT32_MAX)) return -1;

@@ -47,7 +47,8 @@ MSP_EXTERN_C_BEGIN
 // strings unless said otherwise; what a function returns from malloc belongs to the caller, who frees it.
 
 // Position of the first (last) occurrence of `needle` in `text`, -1 if there is none. An empty needle is
-// found at 0 (at the text's length), but IndexOf finds nothing at all in an empty text.
+// found at 0 (at the text's length), but IndexOf finds nothing at all in an empty text. Both take time
+// linear in the two lengths.
 MSP_EXPORT int IndexOf(const char* text, const char* needle);
 MSP_EXPORT int LastIndexOf(const char* text, const char* needle);
 

@@ -129,6 +129,77 @@ FILE* openForReading(const char* path) {
     return file;
 }
 
+// A string of known length read from its end: s(0) is its last byte.
+struct Backward {
+    const unsigned char* end;
+    unsigned char operator()(size_t i) const { return *(end - 1 - i); }
+};
+
+// Where the maximal suffix of x[0, m) begins, under the byte order or under its reverse, and the period of
+// that suffix: one pass, no memory.
+size_t MaximalSuffix(Backward x, size_t m, bool reversedOrder, size_t* period) {
+    size_t start = 0;  // the best suffix so far, x[start, m)
+    size_t j = 1;      // the suffix compared with it, x[j, m)
+    size_t k = 0;      // bytes of the current period matched
+    size_t p = 1;
+    while (j + k < m) {
+        const unsigned char a = x(j + k), b = x(start + k);
+        if (a == b) {
+            if (k + 1 == p) {
+                j += p;
+                k = 0;
+            } else {
+                ++k;
+            }
+        } else if ((a < b) != reversedOrder) {
+            j += k + 1;
+            k = 0;
+            p = j - start;
+        } else {
+            start = j;
+            j = start + 1;
+            k = 0;
+            p = 1;
+        }
+    }
+    *period = p;
+    return start;
+}
+
+// The first position of x[0, m) in y[0, n), or n if there is none; 0 < m <= n. Crochemore and Perrin's
+// two-way search: the needle is split where no shift can be missed, the right part is compared first, and a
+// mismatch moves on by what was matched. Time linear in n + m, a constant amount of memory.
+size_t TwoWaySearch(Backward x, size_t m, Backward y, size_t n) {
+    size_t period, reversedPeriod;
+    const size_t start = MaximalSuffix(x, m, false, &period);
+    const size_t reversedStart = MaximalSuffix(x, m, true, &reversedPeriod);
+    const size_t split = start > reversedStart ? start : reversedStart;
+    if (start <= reversedStart) period = reversedPeriod;
+    // A needle whose left part recurs one period on is periodic: once its right part matched, the needle
+    // moves on by the period and keeps the m - period bytes known to agree. Otherwise it moves on by more
+    // than its larger part.
+    bool periodic = true;
+    for (size_t i = 0; i < split && periodic; ++i) periodic = x(i) == x(i + period);
+    if (!periodic) period = (split > m - split ? split : m - split) + 1;
+    size_t known = 0;  // bytes at the start of the needle known to agree at `position`
+    for (size_t position = 0; position <= n - m;) {
+        size_t i = split > known ? split : known;
+        while (i < m && x(i) == y(position + i)) ++i;
+        if (i < m) {
+            position += i - split + 1;
+            known = 0;
+            continue;
+        }
+        // The right part matched: the left part then, back to what is known to agree.
+        i = split;
+        while (i > known && x(i - 1) == y(position + i - 1)) --i;
+        if (i <= known) return position;
+        position += period;
+        known = periodic ? m - period : 0;
+    }
+    return n;
+}
+
 }  // namespace
 
 int Utf8ToAnsi(char* destination, const char* source, int size) {
@@ -370,12 +441,14 @@ int LastIndexOf(const char* text, const char* needle) {
     const size_t m = ::strlen(needle);
     if (m > n) return -1;
     if (m == 0) return static_cast<int>(n);
-    for (size_t position = n - m + 1; position-- > 0;) {
-        if (text[position] == needle[0] && ::memcmp(text + position, needle, m) == 0) {
-            return static_cast<int>(position);
-        }
+    if (m == 1) {
+        const void* found = ::memrchr(text, needle[0], n);
+        return found != nullptr ? static_cast<int>(static_cast<const char*>(found) - text) : -1;
     }
-    return -1;
+    // Both read from their ends, so the first occurrence found is the last one.
+    const size_t fromEnd = TwoWaySearch(Backward{reinterpret_cast<const unsigned char*>(needle) + m}, m,
+                                        Backward{reinterpret_cast<const unsigned char*>(text) + n}, n);
+    return fromEnd < n ? static_cast<int>(n - m - fromEnd) : -1;
 }
 
 char* MakeStrcpy(const char* text) {

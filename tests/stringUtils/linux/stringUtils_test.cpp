@@ -83,6 +83,61 @@ TEST(StringSearch, PositionsAffixesAndExtensions) {
     EXPECT_EQ(GetFileExtension(nullptr), nullptr);
 }
 
+// Both searches against the rule written out, on texts of two to four letters, half of them with needles
+// made of a repeated word, so that periodic needles and near misses are frequent. Text and needle end at a
+// guard page.
+TEST(StringSearch, FirstAndLastPositionsFollowTheRule) {
+    std::mt19937 random(5);
+    for (int round = 0; round < 5000; ++round) {
+        const unsigned letters = 2 + random() % 3;
+        auto word = [&](size_t length) {
+            std::string w(length, 'a');
+            for (char& c : w) c = static_cast<char>('a' + random() % letters);
+            return w;
+        };
+        std::string needle = word(random() % 9);
+        if (round % 2 == 1) {
+            const std::string unit = word(1 + random() % 3);
+            while (needle.size() < 2 + random() % 10) needle += unit;
+            if (random() % 2 == 0) needle[random() % needle.size()] = 'a';
+        }
+        std::string text;
+        const size_t length = random() % 40;
+        while (text.size() < length) text += random() % 2 == 0 ? needle : word(1 + random() % 4);
+        int first = -1, last = -1;
+        for (size_t p = 0; p + needle.size() <= text.size(); ++p) {
+            if (text.compare(p, needle.size(), needle) != 0) continue;
+            if (first < 0) first = static_cast<int>(p);
+            last = static_cast<int>(p);
+        }
+        if (text.empty()) first = -1;
+        GuardedBytes t = GuardedBytes::String(text), w = GuardedBytes::String(needle);
+        ASSERT_EQ(std::make_pair(IndexOf(t.data(), w.data()), LastIndexOf(t.data(), w.data())),
+                  std::make_pair(first, last))
+            << text << " / " << needle;
+    }
+}
+
+// A near miss at every position costs both searches one pass, not a comparison of the needle at each: 4 MiB
+// of 'a' against needles of 512 KiB, 'a's then 'b' and 'b' then 'a's, which a naive search takes minutes
+// over.
+TEST(StringSearch, NearMissesAtEveryPositionTakeOnePass) {
+    const std::string text(4 << 20, 'a');
+    std::string endsInB(512 << 10, 'a'), startsWithB = endsInB;
+    endsInB.back() = 'b';
+    startsWithB.front() = 'b';
+    const int failed = msptest::RunChild(
+        [&] {
+            for (const std::string* needle : {&endsInB, &startsWithB}) {
+                if (IndexOf(text.c_str(), needle->c_str()) != -1) return 1;
+                if (LastIndexOf(text.c_str(), needle->c_str()) != -1) return 2;
+            }
+            return 0;
+        },
+        10000);
+    EXPECT_EQ(failed, 0) << "kChildTimedOut is " << msptest::kChildTimedOut;
+}
+
 // StrChomp changes one byte, at the first line break; MakeStrcpy copies into a new block.
 TEST(StringCopies, ChompAndMakeStrcpy) {
     const std::pair<const char*, size_t> chomps[] = {

@@ -92,12 +92,19 @@ public:
 // The one logger of the process, built at load and destroyed at exit.
 extern MSP_EXPORT ZvEventLogger eventLogger;
 
+// The compiler checks the arguments of the three ways in against their format, as it does for printf.
+#if defined(__GNUC__)
+#define MSP_PRINTF_FORMAT __attribute__((format(printf, 1, 2)))
+#else
+#define MSP_PRINTF_FORMAT
+#endif
+
 // Formats like printf into a buffer of 1024 bytes and logs the result on `eventLogger`. An empty result
 // writes nothing; a result over 1023 bytes is cut to its first 1023.
-MSP_EXPORT void eventLoggerDoOut(char const* format, ...);
+MSP_EXPORT void eventLoggerDoOut(char const* format, ...) MSP_PRINTF_FORMAT;
 
 // Both point at eventLoggerDoOut; the callers choose what to log by the two verbosity levels.
-extern MSP_EXPORT void (*eventLogOut)(char const* format, ...);
-extern MSP_EXPORT void (*errorLogOut)(char const* format, ...);
+extern MSP_EXPORT void (*eventLogOut)(char const* format, ...) MSP_PRINTF_FORMAT;
+extern MSP_EXPORT void (*errorLogOut)(char const* format, ...) MSP_PRINTF_FORMAT;
 extern MSP_EXPORT int logVerbosity;  // read from the key logVerbosity at start
 extern MSP_EXPORT int errVerbosity;  // 0; for the callers

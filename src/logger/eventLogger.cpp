@@ -9,6 +9,7 @@
 #include <time.h>
 #include <wchar.h>
 
+#include <algorithm>
 #include <new>
 
 #include "logger/internal.h"
@@ -99,6 +100,56 @@ void FreeNode(fileInfo* node) {
     if (!node) return;
     free(node->name);
     free(node);
+}
+
+// Deletes the file `name` of the log directory. A path that does not fit is not unlinked: a cut path could
+// name some other file.
+void UnlinkLogFile(const char* directory, const char* name) {
+    if (!directory) return;
+    char path[PATH_MAX];
+    int length = snprintf(path, sizeof path, "%s/%s", directory, name);
+    if (length > 0 && static_cast<size_t>(length) < sizeof path) OS_Unlink(path);
+}
+
+// Deletes the `surplus` oldest nodes of `list` (all of them if it is shorter) with their files, the same and
+// in the same order as taking the oldest one at a time would: smallest time first, on a tie the one nearer
+// the head. The others keep their order. The number deleted, or -1 without memory for the sort.
+long long DeleteOldest(fileInfo*& list, long long surplus, const char* directory) {
+    struct Entry {
+        fileInfo* node;
+        size_t position;  // in the list
+    };
+    size_t length = 0;
+    for (fileInfo* node = list; node; node = node->next) ++length;
+    if (length == 0) return 0;
+    if (length > SIZE_MAX / sizeof(Entry)) return -1;
+    Entry* entries = static_cast<Entry*>(eventLoggerAlloc(length * sizeof(Entry)));
+    if (!entries) return -1;
+    size_t position = 0;
+    for (fileInfo* node = list; node; node = node->next, ++position)
+        entries[position] = Entry{node, position};
+    const size_t count =
+        static_cast<unsigned long long>(surplus) < length ? static_cast<size_t>(surplus) : length;
+    std::partial_sort(entries, entries + count, entries + length, [](const Entry& a, const Entry& b) {
+        return a.node->time != b.node->time ? a.node->time < b.node->time : a.position < b.position;
+    });
+    for (size_t i = 0; i < count; ++i) UnlinkLogFile(directory, entries[i].node->name);
+    // The chosen nodes leave the list in one walk, in list order.
+    std::sort(entries, entries + count,
+              [](const Entry& a, const Entry& b) { return a.position < b.position; });
+    fileInfo** link = &list;
+    for (size_t at = 0, next = 0; next < count; ++at) {
+        fileInfo* node = *link;
+        if (at == entries[next].position) {
+            *link = node->next;
+            FreeNode(node);
+            ++next;
+        } else {
+            link = &node->next;
+        }
+    }
+    free(entries);
+    return static_cast<long long>(count);
 }
 
 }  // namespace
@@ -340,6 +391,10 @@ int ZvEventLogger::findlogfilesinfo() {
         memset(&data, 0, sizeof data);
         handle = Zv_FindFirst(widePath, &data);
         if (!handle) throw "Given directory not found";
+        // Nodes go behind the last one, found once: a walk to the end per file made a full directory cost
+        // the square of its files.
+        fileInfo** tail = &fileList;
+        while (*tail) tail = &(*tail)->next;
         do {
             if (data.isDirectory != 1 && wcsncmp(data.fileName, L"serverLog.", 10) == 0) {
                 size_t units = wcslen(data.fileName);
@@ -351,7 +406,8 @@ int ZvEventLogger::findlogfilesinfo() {
                     node->size = data.fileSize;
                     node->time = data.modifiedTime;
                     node->next = nullptr;
-                    addnode(node);
+                    *tail = node;
+                    tail = &node->next;
                     ++count;
                 } else {
                     // Without memory the file is left out of the list, as one of another directory would be.
@@ -388,15 +444,20 @@ void ZvEventLogger::handlelogfiles() {
 }
 
 void ZvEventLogger::deleteoldlogfiles() {
+    // A start in a directory full of old files has many to delete: they are chosen by one sort. A rotation
+    // has one, found by one walk.
+    const long long surplus = static_cast<long long>(currentFilesCount) - logFilesCount;
+    if (surplus > 1) {
+        const long long deleted = DeleteOldest(fileList, surplus, logFilePath);
+        if (deleted >= 0) {
+            currentFilesCount = static_cast<int>(currentFilesCount - deleted);
+            return;
+        }
+    }
     while (currentFilesCount > logFilesCount) {
         fileInfo* oldest = findoldnode();
         if (!oldest) return;
-        if (logFilePath) {
-            // A path that does not fit is not unlinked: a cut path could name some other file.
-            char path[PATH_MAX];
-            int length = snprintf(path, sizeof path, "%s/%s", logFilePath, oldest->name);
-            if (length > 0 && static_cast<size_t>(length) < sizeof path) OS_Unlink(path);
-        }
+        UnlinkLogFile(logFilePath, oldest->name);
         deletenode(oldest);
         --currentFilesCount;
     }

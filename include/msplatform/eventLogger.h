@@ -44,7 +44,10 @@ public:
     // Reads the settings of `section` from the configuration file `cfgPath`, makes the log directory if its
     // last element is missing, starts a new file (when logMode is not 0), scans the directory for log files
     // and deletes the oldest beyond logFilesCount. 1 if the logger started; 0 if the settings could not be
-    // read or the log directory could not be made.
+    // read, the log directory could not be made, or logFilePath is longer than 254 bytes. The scan takes no
+    // longer path, so its files would never be pruned: such a start makes neither the directory nor a file,
+    // and the logger stays silent. (A path with bytes above 0x7F is accepted, but the scan widens it byte by
+    // byte and finds nothing there: its files are not pruned either.)
     int initializeLogger(char* cfgPath, char* section);
     // Reads the five settings and copies the section's name. 1 or 0.
     int loadConfigValues(char* cfgPath, char* section);

@@ -41,6 +41,8 @@ constexpr size_t kMessageBytes = 1024;  // eventLoggerDoOut's formatting buffer
 constexpr size_t kNameFieldBytes = 64;  // room for the date and time fields of a file name, whatever the year
 constexpr int kNameAttempts = 50;       // names tried by one createnewlogfile
 constexpr int kNameRetryMicroseconds = 1000;
+// The longest log directory the scan takes: it, a slash and the terminator fill the widened search path.
+constexpr size_t kMaxLogPathBytes = kScanPathUnits - 2;
 
 constexpr char kSeparator[] = "\t : ";
 constexpr size_t kSeparatorBytes = sizeof kSeparator - 1;
@@ -240,15 +242,18 @@ int ZvEventLogger::initializeLogger(char* cfgPath, char* section) {
     int result = 0;
     try {
         if (loadConfigValues(cfgPath, section) == 0) throw "Loading Configuration values Failed !!!";
-        if (OS_Access(logFilePath, 0) != 0 && OS_MakeDir(logFilePath) != 0) {
+        // A directory the scan cannot take would never be pruned: every start and rotation would add a file
+        // for good. Such a start makes nothing there.
+        const bool scannable = strlen(logFilePath) <= kMaxLogPathBytes;
+        if (scannable && OS_Access(logFilePath, 0) != 0 && OS_MakeDir(logFilePath) != 0) {
             free(logFilePath);
             logFilePath = nullptr;
         }
-        if (!logFilePath) {
+        if (!scannable || !logFilePath) {
             // With no directory there is neither a file nor a scan: the logger stays silent and says so.
             if (logFile) fclose(logFile);
             logFile = nullptr;
-            throw "Log directory could not be made !!!";
+            throw "Log directory could not be made or scanned !!!";
         }
         if (logMode != 0) {
             // On a second start the list is not empty and a node comes back; the scan lists the file anyway.
@@ -381,7 +386,7 @@ int ZvEventLogger::findlogfilesinfo() {
     try {
         if (!logFilePath) throw "No log directory";
         size_t length = strlen(logFilePath);
-        if (length + 2 > kScanPathUnits) throw "Log directory path too long";
+        if (length > kMaxLogPathBytes) throw "Log directory path too long";
         searchPath = static_cast<char*>(eventLoggerAlloc(length + 5));
         if (!searchPath) throw "No memory for the search path";
         OS_CorrectURLForDirSearch(logFilePath, &searchPath);

@@ -415,7 +415,7 @@ TEST_F(LoggerTest, StartRotationAndDeletionFollowSizeCountAndMode) {
     }
 }
 
-TEST_F(LoggerTest, DirectoryThatCannotBeMadeGivesZeroAndASilentLogger) {
+TEST_F(LoggerTest, DirectoryThatCannotBeMadeOrScannedGivesZeroAndASilentLogger) {
     ZvEventLogger logger;
     settings_.path = dir_.file("no/such/logs");
     EXPECT_EQ(0, logger.initializeLogger(Config(), kSection));
@@ -432,6 +432,18 @@ TEST_F(LoggerTest, DirectoryThatCannotBeMadeGivesZeroAndASilentLogger) {
     settings_.path = "";
     EXPECT_EQ(0, logger.initializeLogger(Config(), kSection));
     EXPECT_EQ(nullptr, logger.logFile);
+    // A path longer than the scan takes (254 bytes) would collect files that are never pruned: a start with
+    // it makes neither the directory nor a file, however often it runs. At 254 bytes the second start prunes.
+    settings_.filesCount = 1;
+    for (size_t length : {255u, 254u}) {
+        settings_.path = MakeDirOfLength(dir_.path(), length);
+        ::rmdir(settings_.path.c_str());
+        ZvEventLogger fresh;
+        for (int start = 0; start < 2; ++start)
+            EXPECT_EQ(length == 254 ? 1 : 0, fresh.initializeLogger(Config(), kSection)) << length;
+        EXPECT_EQ(length == 254 ? 1u : 0u, LogFiles(settings_.path).size()) << length;
+        EXPECT_EQ(length == 254, msptest::FileExists(settings_.path)) << length;
+    }
 }
 
 TEST_F(LoggerTest, SettingsThatCannotBeReadGiveZeroAndTouchNothing) {

@@ -85,10 +85,11 @@ public:
     int logFileSize;        // bytes at which the current file is replaced
     int currentFileBytes;   // bytes of lines written to the current file by this process
     int currentFilesCount;  // log files counted: the scan's, plus rotations, less deletions
-    char* logFilePath;      // log directory, without a trailing slash; owned
+    char* logFilePath;      // log directory as configured; a path built on it adds "/"; owned
     char* moduleName;       // the configuration section's name; owned
     FILE* logFile;          // current log file, null when none is open
-    fileInfo* fileList;     // head of the list of log files, oldest scan entries first; guarded by mutex
+    fileInfo* fileList;     // head of the log files: the scan's in directory order, then the rotations';
+                            // guarded by mutex
     Mutex* mutex;           // the semaphore "eventLogger"; owned
 };
 

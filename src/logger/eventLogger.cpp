@@ -215,7 +215,7 @@ int ZvEventLogger::loadConfigValues(char* cfgPath, char* section) {
         if (getConfigStringLen(section, keyFilePath, length) != CFG_OK || length < 0)
             throw "GetConfigStringLen failed while getting logger filepath !!!";
         char* path = static_cast<char*>(eventLoggerAlloc(static_cast<size_t>(length) + 1));
-        if (!path) throw "GetConfigString failed while getting logger filepath !!!";
+        if (!path) throw "No memory for the logger filepath !!!";
         memset(path, 0, static_cast<size_t>(length) + 1);
         // A second start replaces the first one's strings; they are released, not lost.
         free(logFilePath);
@@ -230,7 +230,7 @@ int ZvEventLogger::loadConfigValues(char* cfgPath, char* section) {
     } catch (const char*) {
         result = 0;
     } catch (...) {
-        // The configuration store lets an allocation failure through; it stops here.
+        // Nothing else is thrown in here; should anything be, it stops here: no exception leaves the library.
         result = 0;
     }
     if (initResult == CFG_OK) deinitializeConfig();

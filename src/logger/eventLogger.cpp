@@ -104,6 +104,50 @@ void FreeNode(fileInfo* node) {
     free(node);
 }
 
+// Writes the name of a log file made at `parts` into `name`, of `capacity` bytes, with a millisecond reading
+// of its own. Its length, or -1 if it does not fit.
+int WriteFileName(char* name, size_t capacity, const char* module, const struct tm& parts) {
+    char date[kNameFieldBytes / 2];
+    char clock[kNameFieldBytes / 2];
+    snprintf(date, sizeof date, "%02d-%02d-%04d", parts.tm_mon + 1, parts.tm_mday, parts.tm_year + 1900);
+    snprintf(clock, sizeof clock, "%02d%02d%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec,
+             eventLoggerMilliseconds());
+    const int length = snprintf(name, capacity, EventLogger_FileName, module, date, clock);
+    return length >= 0 && static_cast<size_t>(length) < capacity ? length : -1;
+}
+
+// Creates the log file `path`, whose last element `name` (of `capacity` bytes) is written here from the clock
+// reading `now` and `parts`. Two rotations within one millisecond reading would give the same name, and
+// opening it again with "w" would empty the file the first one made, maybe another process's. The file is
+// created exclusively, and a name already taken waits for the next millisecond, with a new reading. The open
+// file, or null.
+FILE* CreateFreshFile(char* path, char* name, size_t capacity, const char* module, time_t& now,
+                      struct tm& parts) {
+    for (int attempt = 1;; ++attempt) {
+        if (WriteFileName(name, capacity, module, parts) < 0) return nullptr;
+        FILE* file = fopen64(path, "ax");
+        if (file || errno != EEXIST || attempt >= kNameAttempts) return file;
+        OS_Sleep(kNameRetryMicroseconds);
+        now = eventLoggerTime(nullptr);
+        if (!localtime_r(&now, &parts)) return nullptr;
+    }
+}
+
+// A node for the file `name`, made by a rotation at `now`; null without memory.
+fileInfo* NewNode(const char* name, time_t now) {
+    fileInfo* node = static_cast<fileInfo*>(eventLoggerAlloc(sizeof(fileInfo)));
+    if (!node) return nullptr;
+    node->name = CopyText(name, strlen(name));
+    if (!node->name) {
+        free(node);
+        return nullptr;
+    }
+    node->size = 0;
+    node->time = static_cast<uint32_t>(now);
+    node->next = nullptr;
+    return node;
+}
+
 // Deletes the file `name` of the log directory. A path that does not fit is not unlinked: a cut path could
 // name some other file.
 void UnlinkLogFile(const char* directory, const char* name) {
@@ -326,55 +370,21 @@ fileInfo* ZvEventLogger::createnewlogfile() {
     if (!localtime_r(&now, &parts)) return nullptr;
     if (!logFilePath || !moduleName) return nullptr;
 
-    size_t directoryLength = strlen(logFilePath);
-    size_t nameCapacity = strlen(moduleName) + kNameFieldBytes;
-    size_t pathCapacity = directoryLength + 1 + nameCapacity;
-    char* path = static_cast<char*>(eventLoggerAlloc(pathCapacity));
+    const size_t directoryLength = strlen(logFilePath);
+    const size_t nameCapacity = strlen(moduleName) + kNameFieldBytes;
+    char* path = static_cast<char*>(eventLoggerAlloc(directoryLength + 1 + nameCapacity));
     if (!path) return nullptr;
     memcpy(path, logFilePath, directoryLength);
     path[directoryLength] = '/';
     char* name = path + directoryLength + 1;
 
-    // Two rotations within one millisecond reading would give the same name, and opening it again with "w"
-    // would empty the file the first one made, maybe another process's. The file is created exclusively, and
-    // a name already taken waits for the next millisecond.
     // The new file is opened before the old one is closed, so that a thread that looks at logFile without the
     // lock never sees it null in the middle of a rotation that succeeds, and drops no line.
-    FILE* fresh = nullptr;
-    int nameLength = -1;
-    for (int attempt = 1;; ++attempt) {
-        char date[kNameFieldBytes / 2];
-        char clock[kNameFieldBytes / 2];
-        snprintf(date, sizeof date, "%02d-%02d-%04d", parts.tm_mon + 1, parts.tm_mday, parts.tm_year + 1900);
-        snprintf(clock, sizeof clock, "%02d%02d%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec,
-                 eventLoggerMilliseconds());
-        nameLength = snprintf(name, nameCapacity, EventLogger_FileName, moduleName, date, clock);
-        if (nameLength < 0 || static_cast<size_t>(nameLength) >= nameCapacity) break;
-        fresh = fopen64(path, "ax");
-        if (fresh || errno != EEXIST || attempt >= kNameAttempts) break;
-        OS_Sleep(kNameRetryMicroseconds);
-        now = eventLoggerTime(nullptr);
-        if (!localtime_r(&now, &parts)) break;
-    }
+    FILE* fresh = CreateFreshFile(path, name, nameCapacity, moduleName, now, parts);
     if (logFile) fclose(logFile);
     logFile = fresh;
-
-    fileInfo* node = nullptr;
-    if (logFile && fileList) {
-        node = static_cast<fileInfo*>(eventLoggerAlloc(sizeof(fileInfo)));
-        if (node) {
-            node->name = CopyText(name, static_cast<size_t>(nameLength));
-            node->size = 0;
-            node->time = static_cast<uint32_t>(now);
-            node->next = nullptr;
-            if (!node->name) {
-                // The file stays open and takes lines, outside the list, as after a rotation with an empty
-                // list.
-                free(node);
-                node = nullptr;
-            }
-        }
-    }
+    // Without a node (an empty list, no memory) the file stays open and takes lines, outside the list.
+    fileInfo* node = logFile && fileList ? NewNode(name, now) : nullptr;
     free(path);
     return node;
 }

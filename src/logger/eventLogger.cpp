@@ -48,6 +48,11 @@ constexpr char kSeparator[] = "\t : ";
 constexpr size_t kSeparatorBytes = sizeof kSeparator - 1;
 constexpr size_t kSmallLineBytes = kStampBytes + kSeparatorBytes + kMessageBytes + 1;
 
+// The calendar year: wider than tm_year, which a clock far ahead fills up to INT_MAX.
+long long Year(const struct tm& parts) {
+    return static_cast<long long>(parts.tm_year) + 1900;
+}
+
 char* TwoDigits(char* out, int value) {
     out[0] = static_cast<char>('0' + value / 10);
     out[1] = static_cast<char>('0' + value % 10);
@@ -58,15 +63,17 @@ char* TwoDigits(char* out, int value) {
 // usual ranges (printf costs over a thousand instructions a line). -1 for any field outside them, which the
 // caller then hands to snprintf.
 int WriteStamp(char* out, const struct tm& parts, int milliseconds) {
-    const int year = parts.tm_year + 1900;
-    if (parts.tm_mon < 0 || parts.tm_mon > 98 || parts.tm_mday < 0 || parts.tm_mday > 99 || year < 0 ||
-        year > 9999 || parts.tm_hour < 0 || parts.tm_hour > 99 || parts.tm_min < 0 || parts.tm_min > 99 ||
-        parts.tm_sec < 0 || parts.tm_sec > 99 || milliseconds < 0 || milliseconds > 999)
+    // tm_year is tested before 1900 is added: a clock far ahead fills it up to INT_MAX.
+    if (parts.tm_year < -1900 || parts.tm_year > 9999 - 1900 || parts.tm_mon < 0 || parts.tm_mon > 98 ||
+        parts.tm_mday < 0 || parts.tm_mday > 99 || parts.tm_hour < 0 || parts.tm_hour > 99 ||
+        parts.tm_min < 0 || parts.tm_min > 99 || parts.tm_sec < 0 || parts.tm_sec > 99 || milliseconds < 0 ||
+        milliseconds > 999)
         return -1;
     char* p = TwoDigits(out, parts.tm_mon + 1);
     *p++ = '-';
     p = TwoDigits(p, parts.tm_mday);
     *p++ = '-';
+    const int year = parts.tm_year + 1900;
     p = TwoDigits(TwoDigits(p, year / 100), year % 100);
     memcpy(p, " : ", 3);
     p = TwoDigits(p + 3, parts.tm_hour);
@@ -109,7 +116,7 @@ void FreeNode(fileInfo* node) {
 int WriteFileName(char* name, size_t capacity, const char* module, const struct tm& parts) {
     char date[kNameFieldBytes / 2];
     char clock[kNameFieldBytes / 2];
-    snprintf(date, sizeof date, "%02d-%02d-%04d", parts.tm_mon + 1, parts.tm_mday, parts.tm_year + 1900);
+    snprintf(date, sizeof date, "%02d-%02d-%04lld", parts.tm_mon + 1, parts.tm_mday, Year(parts));
     snprintf(clock, sizeof clock, "%02d%02d%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec,
              eventLoggerMilliseconds());
     const int length = snprintf(name, capacity, EventLogger_FileName, module, date, clock);
@@ -321,9 +328,8 @@ int ZvEventLogger::currentdatetime(char* buffer) {
     int length = WriteStamp(buffer, parts, milliseconds);
     if (length >= 0) return length;
     // Bounded by the 26 bytes the caller provides: a year past 9999 is cut, not written beyond.
-    length =
-        snprintf(buffer, kStampBytes, "%02d-%02d-%04d : %02d:%02d:%02d.%03d", parts.tm_mon + 1, parts.tm_mday,
-                 parts.tm_year + 1900, parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds);
+    length = snprintf(buffer, kStampBytes, "%02d-%02d-%04lld : %02d:%02d:%02d.%03d", parts.tm_mon + 1,
+                      parts.tm_mday, Year(parts), parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds);
     if (length < 0) {
         buffer[0] = '\0';
         return 0;

@@ -27,7 +27,7 @@ int StrnCaseCmp(const char* a, const char* b, size_t length) {
 namespace {
 
 // Bytes that the URI form lets stand for themselves.
-constexpr bool isUriSafe(unsigned int c) {
+constexpr bool standsForItselfInUri(unsigned int c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
            c == '/' || c == ':' || c == '_' || c == '?';
 }
@@ -55,7 +55,7 @@ int readSequence(const unsigned char* source, unsigned char bytes[4], bool* cut)
 }
 
 // Bytes that HTTPUrlEscape lets stand for themselves.
-constexpr bool isUrlSafe(unsigned char c) {
+constexpr bool standsForItselfInHttpUrl(unsigned char c) {
     if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
     switch (c) {
         case '/':
@@ -83,7 +83,8 @@ struct UrlWidths {
 
 constexpr UrlWidths makeUrlWidths() {
     UrlWidths table{};
-    for (int c = 0; c < 256; ++c) table.width[c] = isUrlSafe(static_cast<unsigned char>(c)) ? 1 : 3;
+    for (int c = 0; c < 256; ++c)
+        table.width[c] = standsForItselfInHttpUrl(static_cast<unsigned char>(c)) ? 1 : 3;
     return table;
 }
 
@@ -254,7 +255,7 @@ int strUtf8Len(const char* source, int isWide, int escape) {
     for (;; in += step) {
         const unsigned int c = isWide != 0 ? in[0] | (in[1] << 8) : in[0];
         if (c < 0x80) {
-            total += escape != 0 && !isUriSafe(c) ? 3 : 1;
+            total += escape != 0 && !standsForItselfInUri(c) ? 3 : 1;
         } else {
             total += (c < 0x800 ? 2 : 3) * (escape != 0 ? 3 : 1);
         }
@@ -285,7 +286,7 @@ constexpr EncodingTable makeEncodingTable(bool escape) {
         e.items = c < 0x80 ? 1 : 2;
         for (unsigned int i = 0; i < e.items; ++i) {
             const unsigned int b = bytes[i];
-            if (!escape || (c < 0x80 && (c == 0 || isUriSafe(c)))) {
+            if (!escape || (c < 0x80 && (c == 0 || standsForItselfInUri(c)))) {
                 e.bytes[e.length++] = static_cast<char>(b);
             } else {
                 e.bytes[e.length++] = '%';
@@ -397,7 +398,7 @@ int _strToUtf8(char* destination, const char* source, int size, int isWide, int*
         const unsigned int c = isWide != 0 ? in[0] | (in[1] << 8) : in[0];
         if (c < 0x80) {
             if (j >= limit) break;
-            if (escape != 0 && c != 0 && !isUriSafe(c)) {
+            if (escape != 0 && c != 0 && !standsForItselfInUri(c)) {
                 if (j >= limit - 3) break;
                 put(c, true);
             } else {

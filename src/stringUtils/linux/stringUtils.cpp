@@ -26,6 +26,9 @@ int StrnCaseCmp(const char* a, const char* b, size_t length) {
 
 namespace {
 
+constexpr char kLowerHex[] = "0123456789abcdef";  // the URI form's "%x"
+constexpr char kUpperHex[] = "0123456789ABCDEF";  // HTTPUrlEscape's "%XX"
+
 // Bytes that the URI form lets stand for themselves.
 constexpr bool standsForItselfInUri(unsigned int c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
@@ -278,7 +281,6 @@ struct EncodingTable {
 };
 
 constexpr EncodingTable makeEncodingTable(bool escape) {
-    constexpr char kHex[] = "0123456789abcdef";
     EncodingTable table{};
     for (unsigned int c = 0; c < 256; ++c) {
         Encoded& e = table.unit[c];
@@ -290,8 +292,8 @@ constexpr EncodingTable makeEncodingTable(bool escape) {
                 e.bytes[e.length++] = static_cast<char>(b);
             } else {
                 e.bytes[e.length++] = '%';
-                if (b >= 0x10) e.bytes[e.length++] = kHex[b >> 4];
-                e.bytes[e.length++] = kHex[b & 0x0F];
+                if (b >= 0x10) e.bytes[e.length++] = kLowerHex[b >> 4];
+                e.bytes[e.length++] = kLowerHex[b & 0x0F];
             }
         }
     }
@@ -363,7 +365,6 @@ int _strToUtf8(char* destination, const char* source, int size, int isWide, int*
         if (count != nullptr) *count = 0;
         return 0;
     }
-    static const char kHex[] = "0123456789abcdef";
     const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
     const int step = isWide != 0 ? 2 : 1;
     const int limit = size - 1;
@@ -375,8 +376,8 @@ int _strToUtf8(char* destination, const char* source, int size, int isWide, int*
             destination[j++] = static_cast<char>(byte);
         } else {
             destination[j++] = '%';
-            if (byte >= 0x10) destination[j++] = kHex[byte >> 4];
-            destination[j++] = kHex[byte & 0x0F];
+            if (byte >= 0x10) destination[j++] = kLowerHex[byte >> 4];
+            destination[j++] = kLowerHex[byte & 0x0F];
         }
         ++items;
     };
@@ -515,7 +516,6 @@ int EndsWith(const char* text, const char* suffix, int ignoreCase) {
 }
 
 int HTTPUrlEscape(char* destination, const char* source) {
-    static const char kHex[] = "0123456789ABCDEF";
     char* out = destination;
     for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
         const unsigned char c = *in;
@@ -523,8 +523,8 @@ int HTTPUrlEscape(char* destination, const char* source) {
             *out++ = static_cast<char>(c);
         } else {
             out[0] = '%';
-            out[1] = kHex[c >> 4];
-            out[2] = kHex[c & 0x0F];
+            out[1] = kUpperHex[c >> 4];
+            out[2] = kUpperHex[c & 0x0F];
             out += 3;
         }
     }

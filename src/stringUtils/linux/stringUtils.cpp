@@ -303,6 +303,23 @@ constexpr EncodingTable makeEncodingTable(bool escape) {
 constexpr EncodingTable kPlainEncoding = makeEncodingTable(false);
 constexpr EncodingTable kEscapedEncoding = makeEncodingTable(true);
 
+// The room that _strToUtf8's table paths keep, and why it suffices.
+constexpr int kLargestUnitBytes = 9;  // a unit of 0x800 or more, escaped: "%e2%82%ac"
+constexpr int kWidestRoomTest = 3;    // the loop begins no character at j >= limit - 3
+// While more room than this is left, no unit can meet a room test of the loop: the table paths run up to it.
+constexpr int kTableRoom = kLargestUnitBytes + kWidestRoomTest;
+// The narrow path stores whole entries, whose bytes behind the real ones are scratch.
+constexpr size_t kEntryBytes = sizeof(Encoded::bytes);
+constexpr size_t kScratchBytes = kEntryBytes - 1;
+// It leaves the last units of the text to the other table path; each writes at least one byte, so together
+// they cover the scratch of the last entry stored.
+constexpr size_t kTailUnits = 5;
+static_assert(kTailUnits >= kScratchBytes, "the tail covers the scratch");
+// It begins no entry at limit - kNarrowRoom or beyond, so the last entry's scratch, and every tail unit
+// that writes over it, lies below limit - kTableRoom, where no room test can stop the tail.
+constexpr int kNarrowRoom = 24;
+static_assert(kNarrowRoom >= kTableRoom + kEntryBytes, "the tail is never stopped");
+
 // Encodes units from `in` while the write position is below `end`, up to the terminator or the first unit of
 // 0x100 or more; moves `j` and `items` on and gives the first unit not encoded. Writes only the bytes of the
 // encoding, nothing behind them.
@@ -336,11 +353,10 @@ const unsigned char* encodeFromTable(const EncodingTable& table, const unsigned 
     return in;
 }
 
-// The same for one-byte text of known length, without a branch per byte: every unit stores all six bytes of
-// its table entry and moves on by its real length. The bytes behind the real ones are scratch that the next
-// units overwrite: each of them writes at least one byte, so the five units that follow the last one done
-// here cover its scratch. The caller keeps five units of text and 24 bytes of room behind `end`, so that
-// those units are written before any room test can stop the conversion.
+// The same for one-byte text of known length, without a branch per byte: every unit stores its whole table
+// entry (kEntryBytes) and moves on by its real length. The bytes behind the real ones are scratch that the
+// next units overwrite: the caller keeps kTailUnits units of text and kNarrowRoom bytes of room behind
+// `end` for them.
 const unsigned char* encodeNarrowFromTable(const EncodingTable& table, const unsigned char* in,
                                            const unsigned char* inEnd, char* destination, size_t end, int& j,
                                            int& items) {
@@ -381,19 +397,19 @@ int _strToUtf8(char* destination, const char* source, int size, int isWide, int*
         }
         ++items;
     };
-    // While the destination has more than 12 bytes of room left, no unit (at most 9 bytes) can meet any of
-    // the room tests below, so units under 0x100 come from a table, with no test but the terminator's.
-    if (limit > 12) {
+    // While the destination has more than kTableRoom bytes of room left, no unit can meet any of the room
+    // tests below, so units under 0x100 come from a table, with no test but the terminator's.
+    if (limit > kTableRoom) {
         const EncodingTable& table = escape != 0 ? kEscapedEncoding : kPlainEncoding;
+        const size_t end = static_cast<size_t>(limit - kTableRoom);
         if (isWide == 0) {
             const size_t length = strlen(source);
-            if (length > 5 && limit > 24)
-                in = encodeNarrowFromTable(table, in, in + (length - 5), destination,
-                                           static_cast<size_t>(limit - 24), j, items);
+            if (length > kTailUnits && limit > kNarrowRoom)
+                in = encodeNarrowFromTable(table, in, in + (length - kTailUnits), destination,
+                                           static_cast<size_t>(limit - kNarrowRoom), j, items);
         }
-        in = isWide != 0
-                 ? encodeFromTable<true>(table, in, destination, static_cast<size_t>(limit - 12), j, items)
-                 : encodeFromTable<false>(table, in, destination, static_cast<size_t>(limit - 12), j, items);
+        in = isWide != 0 ? encodeFromTable<true>(table, in, destination, end, j, items)
+                         : encodeFromTable<false>(table, in, destination, end, j, items);
     }
     for (;; in += step) {
         const unsigned int c = isWide != 0 ? in[0] | (in[1] << 8) : in[0];

@@ -1,6 +1,5 @@
 #include "msplatform/stringUtils.h"
 
-#include <fcntl.h>
 #include <limits.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -8,8 +7,8 @@
 #include <string.h>
 #include <strings.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include "os/openForReading.h"
 #include "stringUtils/linux/internal.h"
 
 namespace mspstring {
@@ -119,18 +118,6 @@ long streamSize(FILE* file) {
     if (size < 0 || static_cast<unsigned long>(size) > static_cast<unsigned long>(INT32_MAX)) return -1;
     if (::fseek(file, 0, SEEK_SET) != 0) return -1;
     return size;
-}
-
-// fopen64(path, "rb") without its wait for a writer: opening a FIFO that nobody writes would block for ever.
-// Reads block as usual again once the file is open; a FIFO then fails the size test.
-FILE* openForReading(const char* path) {
-    const int fd = ::open(path, O_RDONLY | O_LARGEFILE | O_NONBLOCK);
-    if (fd < 0) return nullptr;
-    const int flags = ::fcntl(fd, F_GETFL);
-    FILE* file =
-        flags != -1 && ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != -1 ? ::fdopen(fd, "rb") : nullptr;
-    if (file == nullptr) ::close(fd);
-    return file;
 }
 
 // A string of known length read from its end: s(0) is its last byte.
@@ -485,7 +472,7 @@ char* cpyfilebuf(const char* path, int* count) {
     FILE* file = nullptr;
     char* buffer = nullptr;
     try {
-        file = openForReading(path);
+        file = OpenForReading(path);
         if (file == nullptr) throw "File open error !!!";
         const long size = streamSize(file);
         if (size >= 0) {

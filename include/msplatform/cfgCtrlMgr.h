@@ -21,7 +21,7 @@ enum {
     CFG_OK = 1,              // success
     CFG_FILE_ERROR = 0,      // the file could not be opened (or read, or written whole)
     CFG_BAD_ARGUMENT = -1,   // a name is null or empty, a value or buffer null, a length negative, a path bad
-    CFG_NO_NODES = -2,       // no section list to write, or a section without a key list
+    CFG_NO_NODES = -2,       // no section list to write, a section without a key list, or memory ran out
     CFG_KEY_EXISTS = -3,     // the section already has a key of that name
     CFG_KEY_NOT_FOUND = -4,  // the section has no key of that name
     CFG_TYPE_MISMATCH = -5,  // the key exists with the other type

@@ -8,6 +8,10 @@
 
 #include "msplatform/export.h"
 
+// These have C++ linkage: a C program sees only the helpers further down, and a call to these is flagged
+// when it compiles, not when it links.
+#ifdef __cplusplus
+
 MSP_EXPORT int StrCaseCmp(const char* a, const char* b);
 MSP_EXPORT int StrnCaseCmp(const char* a, const char* b, size_t length);
 
@@ -40,6 +44,8 @@ MSP_EXPORT int _strToUtf8(char* destination, const char* source, int size, int i
                           int escape);
 MSP_EXPORT int strToUtf8(char* destination, const char* source, int size, int isWide, int* count);
 MSP_EXPORT int strToEscapedUri(char* destination, const char* source, int size, int isWide, int* count);
+
+#endif  // __cplusplus
 
 MSP_EXTERN_C_BEGIN
 

@@ -21,7 +21,7 @@ enum {
     CFG_OK = 1,              // success
     CFG_FILE_ERROR = 0,      // the file could not be opened (or read, or written whole)
     CFG_BAD_ARGUMENT = -1,   // a name is null or empty, a value or buffer null, a length negative, a path bad
-    CFG_NO_NODES = -2,       // no section list to write, or a section without a key list
+    CFG_NO_NODES = -2,       // no section list to write, a section without a key list, or memory ran out
     CFG_KEY_EXISTS = -3,     // the section already has a key of that name
     CFG_KEY_NOT_FOUND = -4,  // the section has no key of that name
     CFG_TYPE_MISMATCH = -5,  // the key exists with the other type
@@ -85,7 +85,9 @@ public:
     ZvConfigCtrlMgr(const ZvConfigCtrlMgr&) = delete;
     ZvConfigCtrlMgr& operator=(const ZvConfigCtrlMgr&) = delete;
 
-    // Stores the path (1 to 260 bytes, not opened here) and gets the lock. -7 when already initialised.
+    // Stores the path (1 to 260 bytes, not opened here) and gets the lock. -7 when already initialised. A
+    // lock that this process may not use (another user's set) leaves the store working without exclusion,
+    // silently; the object stays for the next initialize.
     int initialize(const char* path);
     // Frees the sections; the lock stays for the next initialize.
     void uninitialize();

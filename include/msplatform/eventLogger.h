@@ -44,7 +44,10 @@ public:
     // Reads the settings of `section` from the configuration file `cfgPath`, makes the log directory if its
     // last element is missing, starts a new file (when logMode is not 0), scans the directory for log files
     // and deletes the oldest beyond logFilesCount. 1 if the logger started; 0 if the settings could not be
-    // read or the log directory could not be made.
+    // read, the log directory could not be made, or logFilePath is longer than 254 bytes. The scan takes no
+    // longer path, so its files would never be pruned: such a start makes neither the directory nor a file,
+    // and the logger stays silent. (A path with bytes above 0x7F is accepted, but the scan widens it byte by
+    // byte and finds nothing there: its files are not pruned either.)
     int initializeLogger(char* cfgPath, char* section);
     // Reads the five settings and copies the section's name. 1 or 0.
     int loadConfigValues(char* cfgPath, char* section);
@@ -82,22 +85,30 @@ public:
     int logFileSize;        // bytes at which the current file is replaced
     int currentFileBytes;   // bytes of lines written to the current file by this process
     int currentFilesCount;  // log files counted: the scan's, plus rotations, less deletions
-    char* logFilePath;      // log directory, without a trailing slash; owned
+    char* logFilePath;      // log directory as configured; a path built on it adds "/"; owned
     char* moduleName;       // the configuration section's name; owned
     FILE* logFile;          // current log file, null when none is open
-    fileInfo* fileList;     // head of the list of log files, oldest scan entries first; guarded by mutex
+    fileInfo* fileList;     // head of the log files: the scan's in directory order, then the rotations';
+                            // guarded by mutex
     Mutex* mutex;           // the semaphore "eventLogger"; owned
 };
 
 // The one logger of the process, built at load and destroyed at exit.
 extern MSP_EXPORT ZvEventLogger eventLogger;
 
+// The compiler checks the arguments of the three ways in against their format, as it does for printf.
+#if defined(__GNUC__)
+#define MSP_PRINTF_FORMAT __attribute__((format(printf, 1, 2)))
+#else
+#define MSP_PRINTF_FORMAT
+#endif
+
 // Formats like printf into a buffer of 1024 bytes and logs the result on `eventLogger`. An empty result
 // writes nothing; a result over 1023 bytes is cut to its first 1023.
-MSP_EXPORT void eventLoggerDoOut(char const* format, ...);
+MSP_EXPORT void eventLoggerDoOut(char const* format, ...) MSP_PRINTF_FORMAT;
 
 // Both point at eventLoggerDoOut; the callers choose what to log by the two verbosity levels.
-extern MSP_EXPORT void (*eventLogOut)(char const* format, ...);
-extern MSP_EXPORT void (*errorLogOut)(char const* format, ...);
+extern MSP_EXPORT void (*eventLogOut)(char const* format, ...) MSP_PRINTF_FORMAT;
+extern MSP_EXPORT void (*errorLogOut)(char const* format, ...) MSP_PRINTF_FORMAT;
 extern MSP_EXPORT int logVerbosity;  // read from the key logVerbosity at start
 extern MSP_EXPORT int errVerbosity;  // 0; for the callers

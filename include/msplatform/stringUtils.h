@@ -8,6 +8,10 @@
 
 #include "msplatform/export.h"
 
+// These have C++ linkage: a C program sees only the helpers further down, and a call to these is flagged
+// when it compiles, not when it links.
+#ifdef __cplusplus
+
 MSP_EXPORT int StrCaseCmp(const char* a, const char* b);
 MSP_EXPORT int StrnCaseCmp(const char* a, const char* b, size_t length);
 
@@ -41,13 +45,16 @@ MSP_EXPORT int _strToUtf8(char* destination, const char* source, int size, int i
 MSP_EXPORT int strToUtf8(char* destination, const char* source, int size, int isWide, int* count);
 MSP_EXPORT int strToEscapedUri(char* destination, const char* source, int size, int isWide, int* count);
 
+#endif  // __cplusplus
+
 MSP_EXTERN_C_BEGIN
 
 // Byte-wise helpers on zero-terminated strings, exported under their plain names. Arguments must be valid
 // strings unless said otherwise; what a function returns from malloc belongs to the caller, who frees it.
 
 // Position of the first (last) occurrence of `needle` in `text`, -1 if there is none. An empty needle is
-// found at 0 (at the text's length), but IndexOf finds nothing at all in an empty text.
+// found at 0 (at the text's length), but IndexOf finds nothing at all in an empty text. Both take time
+// linear in the two lengths.
 MSP_EXPORT int IndexOf(const char* text, const char* needle);
 MSP_EXPORT int LastIndexOf(const char* text, const char* needle);
 
@@ -58,8 +65,9 @@ MSP_EXPORT char* MakeStrcpy(const char* text);
 MSP_EXPORT void StrChomp(char* text);
 
 // The whole file in a new buffer of its size plus a zero byte; `*count` receives the bytes read (also after
-// a short read, which gives null). Null, with `*count` untouched, if the file can't be opened, its size
-// can't be told or exceeds INT_MAX, or memory runs out. `count` may be null.
+// a short read, which gives null). Null, with `*count` untouched and nothing allocated, if the file can't be
+// opened, is a directory, its size can't be told or exceeds INT_MAX; null, with `*count` untouched, if
+// memory runs out. `count` may be null.
 MSP_EXPORT char* cpyfilebuf(const char* path, int* count);
 
 // The extension of the last path element, as a pointer into `path` at its dot; null if there is none or
@@ -73,7 +81,8 @@ MSP_EXPORT int EndsWith(const char* text, const char* suffix, int ignoreCase);
 
 // Percent-escaping for HTTP URLs: letters, digits and / @ ; : = + $ - _ . * stand for themselves, every
 // other byte becomes "%XX". HTTPUrlEscape has no bound: `destination` must hold HTTPUrlEscapeLength(source)
-// bytes. Both give that count, terminator included.
+// bytes. Both give that count, terminator included, or -1 when it exceeds INT_MAX (a source of about 716 MB
+// or more): no destination can be sized from the count then.
 MSP_EXPORT int HTTPUrlEscape(char* destination, const char* source);
 MSP_EXPORT int HTTPUrlEscapeLength(const char* source);
 

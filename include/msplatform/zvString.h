@@ -21,6 +21,18 @@ public:
     ZvString(ZvString& other);
     ~ZvString();
 
+    // Moves, so that a result can be assigned or passed on (c = a + b): the buffer changes hands and the
+    // other string is null afterwards. Inline, outside the library's binary interface.
+    ZvString(ZvString&& other) noexcept : str(other.str) { other.str = nullptr; }
+    ZvString& operator=(ZvString&& other) noexcept {
+        if (&other != this) {
+            InternalDeallocate(str);
+            str = other.str;
+            other.str = nullptr;
+        }
+        return *this;
+    }
+
     // The object's own buffer, or null for a null string; valid until the next change.
     char* c_str();
     // strlen of the text; 0 for null.

@@ -310,13 +310,9 @@ int ZvConfigCtrlMgr::initialize(const char* path) {
     if (length > kMaxPath) return CFG_BAD_ARGUMENT;
     memcpy(cfgFilePath, path, length + 1);
     if (!mutex) {
-        // An inert lock is no lock: drop it, so that a later initialize tries again.
-        Mutex* m = new (std::nothrow) Mutex("cfgCtrlMgr");
-        if (m && m->getid() <= 0) {
-            delete m;
-            m = nullptr;
-        }
-        mutex = m;
+        // A set this process may not use leaves the object inert: it is kept, and the store works without
+        // exclusion, silently. Only running out of memory for the object itself is reported.
+        mutex = new (std::nothrow) Mutex("cfgCtrlMgr");
         if (!mutex) puts("cfg initialize failed to get mutex");
     }
     isInitialized = 1;

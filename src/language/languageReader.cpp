@@ -1,13 +1,11 @@
 #include "msplatform/languageReader.h"
 
-#include <fcntl.h>
 #include <limits.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <new>
 
@@ -15,6 +13,7 @@
 #include "msplatform/ZvCfgCtrlMgr.h"
 #include "msplatform/mutex.h"
 #include "os/mutexHold.h"
+#include "os/openForReading.h"
 #include "msplatform/xmlParser.h"
 
 void* (*languageReaderCalloc)(size_t count, size_t size) = calloc;
@@ -103,17 +102,6 @@ char* unescapedCopy(const char* source, int length) {
     memcpy(copy, source, static_cast<size_t>(length));
     xml_InPlaceXmlUnEscape(copy);
     return copy;
-}
-
-// fopen64(path, "rb") without its wait for a writer: a FIFO that nobody writes would block the open for ever,
-// with the reader's lock held. Reads block as usual again once the file is open; a FIFO then has no size.
-FILE* openForReading(const char* path) {
-    const int fd = open(path, O_RDONLY | O_LARGEFILE | O_NONBLOCK);
-    if (fd < 0) return nullptr;
-    const int flags = fcntl(fd, F_GETFL);
-    FILE* file = flags != -1 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != -1 ? fdopen(fd, "rb") : nullptr;
-    if (!file) close(fd);
-    return file;
 }
 
 }  // namespace
@@ -227,7 +215,7 @@ int ZvLanguageReader::copyXMLFileBuffer(char* path, char** text) {
     if (!text) return 0;
     FILE* file = nullptr;
     try {
-        file = path ? openForReading(path) : nullptr;
+        file = path ? OpenForReading(path) : nullptr;
         if (!file) throw "File Open Error";
         fseeko64(file, 0, SEEK_END);
         off64_t size = ftello64(file);

@@ -9,6 +9,7 @@
 #include <time.h>
 #include <wchar.h>
 
+#include <algorithm>
 #include <new>
 
 #include "logger/internal.h"
@@ -40,10 +41,17 @@ constexpr size_t kMessageBytes = 1024;  // eventLoggerDoOut's formatting buffer
 constexpr size_t kNameFieldBytes = 64;  // room for the date and time fields of a file name, whatever the year
 constexpr int kNameAttempts = 50;       // names tried by one createnewlogfile
 constexpr int kNameRetryMicroseconds = 1000;
+// The longest log directory the scan takes: it, a slash and the terminator fill the widened search path.
+constexpr size_t kMaxLogPathBytes = kScanPathUnits - 2;
 
 constexpr char kSeparator[] = "\t : ";
 constexpr size_t kSeparatorBytes = sizeof kSeparator - 1;
 constexpr size_t kSmallLineBytes = kStampBytes + kSeparatorBytes + kMessageBytes + 1;
+
+// The calendar year: wider than tm_year, which a clock far ahead fills up to INT_MAX.
+long long Year(const struct tm& parts) {
+    return static_cast<long long>(parts.tm_year) + 1900;
+}
 
 char* TwoDigits(char* out, int value) {
     out[0] = static_cast<char>('0' + value / 10);
@@ -55,15 +63,17 @@ char* TwoDigits(char* out, int value) {
 // usual ranges (printf costs over a thousand instructions a line). -1 for any field outside them, which the
 // caller then hands to snprintf.
 int WriteStamp(char* out, const struct tm& parts, int milliseconds) {
-    const int year = parts.tm_year + 1900;
-    if (parts.tm_mon < 0 || parts.tm_mon > 98 || parts.tm_mday < 0 || parts.tm_mday > 99 || year < 0 ||
-        year > 9999 || parts.tm_hour < 0 || parts.tm_hour > 99 || parts.tm_min < 0 || parts.tm_min > 99 ||
-        parts.tm_sec < 0 || parts.tm_sec > 99 || milliseconds < 0 || milliseconds > 999)
+    // tm_year is tested before 1900 is added: a clock far ahead fills it up to INT_MAX.
+    if (parts.tm_year < -1900 || parts.tm_year > 9999 - 1900 || parts.tm_mon < 0 || parts.tm_mon > 98 ||
+        parts.tm_mday < 0 || parts.tm_mday > 99 || parts.tm_hour < 0 || parts.tm_hour > 99 ||
+        parts.tm_min < 0 || parts.tm_min > 99 || parts.tm_sec < 0 || parts.tm_sec > 99 || milliseconds < 0 ||
+        milliseconds > 999)
         return -1;
     char* p = TwoDigits(out, parts.tm_mon + 1);
     *p++ = '-';
     p = TwoDigits(p, parts.tm_mday);
     *p++ = '-';
+    const int year = parts.tm_year + 1900;
     p = TwoDigits(TwoDigits(p, year / 100), year % 100);
     memcpy(p, " : ", 3);
     p = TwoDigits(p + 3, parts.tm_hour);
@@ -99,6 +109,100 @@ void FreeNode(fileInfo* node) {
     if (!node) return;
     free(node->name);
     free(node);
+}
+
+// Writes the name of a log file made at `parts` into `name`, of `capacity` bytes, with a millisecond reading
+// of its own. Its length, or -1 if it does not fit.
+int WriteFileName(char* name, size_t capacity, const char* module, const struct tm& parts) {
+    char date[kNameFieldBytes / 2];
+    char clock[kNameFieldBytes / 2];
+    snprintf(date, sizeof date, "%02d-%02d-%04lld", parts.tm_mon + 1, parts.tm_mday, Year(parts));
+    snprintf(clock, sizeof clock, "%02d%02d%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec,
+             eventLoggerMilliseconds());
+    const int length = snprintf(name, capacity, EventLogger_FileName, module, date, clock);
+    return length >= 0 && static_cast<size_t>(length) < capacity ? length : -1;
+}
+
+// Creates the log file `path`, whose last element `name` (of `capacity` bytes) is written here from the clock
+// reading `now` and `parts`. Two rotations within one millisecond reading would give the same name, and
+// opening it again with "w" would empty the file the first one made, maybe another process's. The file is
+// created exclusively, and a name already taken waits for the next millisecond, with a new reading. The open
+// file, or null.
+FILE* CreateFreshFile(char* path, char* name, size_t capacity, const char* module, time_t& now,
+                      struct tm& parts) {
+    for (int attempt = 1;; ++attempt) {
+        if (WriteFileName(name, capacity, module, parts) < 0) return nullptr;
+        FILE* file = fopen64(path, "ax");
+        if (file || errno != EEXIST || attempt >= kNameAttempts) return file;
+        OS_Sleep(kNameRetryMicroseconds);
+        now = eventLoggerTime(nullptr);
+        if (!localtime_r(&now, &parts)) return nullptr;
+    }
+}
+
+// A node for the file `name`, made by a rotation at `now`; null without memory.
+fileInfo* NewNode(const char* name, time_t now) {
+    fileInfo* node = static_cast<fileInfo*>(eventLoggerAlloc(sizeof(fileInfo)));
+    if (!node) return nullptr;
+    node->name = CopyText(name, strlen(name));
+    if (!node->name) {
+        free(node);
+        return nullptr;
+    }
+    node->size = 0;
+    node->time = static_cast<uint32_t>(now);
+    node->next = nullptr;
+    return node;
+}
+
+// Deletes the file `name` of the log directory. A path that does not fit is not unlinked: a cut path could
+// name some other file.
+void UnlinkLogFile(const char* directory, const char* name) {
+    if (!directory) return;
+    char path[PATH_MAX];
+    int length = snprintf(path, sizeof path, "%s/%s", directory, name);
+    if (length > 0 && static_cast<size_t>(length) < sizeof path) OS_Unlink(path);
+}
+
+// Deletes the `surplus` oldest nodes of `list` (all of them if it is shorter) with their files, the same and
+// in the same order as taking the oldest one at a time would: smallest time first, on a tie the one nearer
+// the head. The others keep their order. The number deleted, or -1 without memory for the sort.
+long long DeleteOldest(fileInfo*& list, long long surplus, const char* directory) {
+    struct Entry {
+        fileInfo* node;
+        size_t position;  // in the list
+    };
+    size_t length = 0;
+    for (fileInfo* node = list; node; node = node->next) ++length;
+    if (length == 0) return 0;
+    if (length > SIZE_MAX / sizeof(Entry)) return -1;
+    Entry* entries = static_cast<Entry*>(eventLoggerAlloc(length * sizeof(Entry)));
+    if (!entries) return -1;
+    size_t position = 0;
+    for (fileInfo* node = list; node; node = node->next, ++position)
+        entries[position] = Entry{node, position};
+    const size_t count =
+        static_cast<unsigned long long>(surplus) < length ? static_cast<size_t>(surplus) : length;
+    std::partial_sort(entries, entries + count, entries + length, [](const Entry& a, const Entry& b) {
+        return a.node->time != b.node->time ? a.node->time < b.node->time : a.position < b.position;
+    });
+    for (size_t i = 0; i < count; ++i) UnlinkLogFile(directory, entries[i].node->name);
+    // The chosen nodes leave the list in one walk, in list order.
+    std::sort(entries, entries + count,
+              [](const Entry& a, const Entry& b) { return a.position < b.position; });
+    fileInfo** link = &list;
+    for (size_t at = 0, next = 0; next < count; ++at) {
+        fileInfo* node = *link;
+        if (at == entries[next].position) {
+            *link = node->next;
+            FreeNode(node);
+            ++next;
+        } else {
+            link = &node->next;
+        }
+    }
+    free(entries);
+    return static_cast<long long>(count);
 }
 
 }  // namespace
@@ -162,7 +266,7 @@ int ZvEventLogger::loadConfigValues(char* cfgPath, char* section) {
         if (getConfigStringLen(section, keyFilePath, length) != CFG_OK || length < 0)
             throw "GetConfigStringLen failed while getting logger filepath !!!";
         char* path = static_cast<char*>(eventLoggerAlloc(static_cast<size_t>(length) + 1));
-        if (!path) throw "GetConfigString failed while getting logger filepath !!!";
+        if (!path) throw "No memory for the logger filepath !!!";
         memset(path, 0, static_cast<size_t>(length) + 1);
         // A second start replaces the first one's strings; they are released, not lost.
         free(logFilePath);
@@ -177,7 +281,7 @@ int ZvEventLogger::loadConfigValues(char* cfgPath, char* section) {
     } catch (const char*) {
         result = 0;
     } catch (...) {
-        // The configuration store lets an allocation failure through; it stops here.
+        // Nothing else is thrown in here; should anything be, it stops here: no exception leaves the library.
         result = 0;
     }
     if (initResult == CFG_OK) deinitializeConfig();
@@ -189,15 +293,18 @@ int ZvEventLogger::initializeLogger(char* cfgPath, char* section) {
     int result = 0;
     try {
         if (loadConfigValues(cfgPath, section) == 0) throw "Loading Configuration values Failed !!!";
-        if (OS_Access(logFilePath, 0) != 0 && OS_MakeDir(logFilePath) != 0) {
+        // A directory the scan cannot take would never be pruned: every start and rotation would add a file
+        // for good. Such a start makes nothing there.
+        const bool scannable = strlen(logFilePath) <= kMaxLogPathBytes;
+        if (scannable && OS_Access(logFilePath, 0) != 0 && OS_MakeDir(logFilePath) != 0) {
             free(logFilePath);
             logFilePath = nullptr;
         }
-        if (!logFilePath) {
+        if (!scannable || !logFilePath) {
             // With no directory there is neither a file nor a scan: the logger stays silent and says so.
             if (logFile) fclose(logFile);
             logFile = nullptr;
-            throw "Log directory could not be made !!!";
+            throw "Log directory could not be made or scanned !!!";
         }
         if (logMode != 0) {
             // On a second start the list is not empty and a node comes back; the scan lists the file anyway.
@@ -221,9 +328,8 @@ int ZvEventLogger::currentdatetime(char* buffer) {
     int length = WriteStamp(buffer, parts, milliseconds);
     if (length >= 0) return length;
     // Bounded by the 26 bytes the caller provides: a year past 9999 is cut, not written beyond.
-    length =
-        snprintf(buffer, kStampBytes, "%02d-%02d-%04d : %02d:%02d:%02d.%03d", parts.tm_mon + 1, parts.tm_mday,
-                 parts.tm_year + 1900, parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds);
+    length = snprintf(buffer, kStampBytes, "%02d-%02d-%04lld : %02d:%02d:%02d.%03d", parts.tm_mon + 1,
+                      parts.tm_mday, Year(parts), parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds);
     if (length < 0) {
         buffer[0] = '\0';
         return 0;
@@ -270,55 +376,21 @@ fileInfo* ZvEventLogger::createnewlogfile() {
     if (!localtime_r(&now, &parts)) return nullptr;
     if (!logFilePath || !moduleName) return nullptr;
 
-    size_t directoryLength = strlen(logFilePath);
-    size_t nameCapacity = strlen(moduleName) + kNameFieldBytes;
-    size_t pathCapacity = directoryLength + 1 + nameCapacity;
-    char* path = static_cast<char*>(eventLoggerAlloc(pathCapacity));
+    const size_t directoryLength = strlen(logFilePath);
+    const size_t nameCapacity = strlen(moduleName) + kNameFieldBytes;
+    char* path = static_cast<char*>(eventLoggerAlloc(directoryLength + 1 + nameCapacity));
     if (!path) return nullptr;
     memcpy(path, logFilePath, directoryLength);
     path[directoryLength] = '/';
     char* name = path + directoryLength + 1;
 
-    // Two rotations within one millisecond reading would give the same name, and opening it again with "w"
-    // would empty the file the first one made, maybe another process's. The file is created exclusively, and
-    // a name already taken waits for the next millisecond.
     // The new file is opened before the old one is closed, so that a thread that looks at logFile without the
     // lock never sees it null in the middle of a rotation that succeeds, and drops no line.
-    FILE* fresh = nullptr;
-    int nameLength = -1;
-    for (int attempt = 1;; ++attempt) {
-        char date[kNameFieldBytes / 2];
-        char clock[kNameFieldBytes / 2];
-        snprintf(date, sizeof date, "%02d-%02d-%04d", parts.tm_mon + 1, parts.tm_mday, parts.tm_year + 1900);
-        snprintf(clock, sizeof clock, "%02d%02d%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec,
-                 eventLoggerMilliseconds());
-        nameLength = snprintf(name, nameCapacity, EventLogger_FileName, moduleName, date, clock);
-        if (nameLength < 0 || static_cast<size_t>(nameLength) >= nameCapacity) break;
-        fresh = fopen64(path, "ax");
-        if (fresh || errno != EEXIST || attempt >= kNameAttempts) break;
-        OS_Sleep(kNameRetryMicroseconds);
-        now = eventLoggerTime(nullptr);
-        if (!localtime_r(&now, &parts)) break;
-    }
+    FILE* fresh = CreateFreshFile(path, name, nameCapacity, moduleName, now, parts);
     if (logFile) fclose(logFile);
     logFile = fresh;
-
-    fileInfo* node = nullptr;
-    if (logFile && fileList) {
-        node = static_cast<fileInfo*>(eventLoggerAlloc(sizeof(fileInfo)));
-        if (node) {
-            node->name = CopyText(name, static_cast<size_t>(nameLength));
-            node->size = 0;
-            node->time = static_cast<uint32_t>(now);
-            node->next = nullptr;
-            if (!node->name) {
-                // The file stays open and takes lines, outside the list, as after a rotation with an empty
-                // list.
-                free(node);
-                node = nullptr;
-            }
-        }
-    }
+    // Without a node (an empty list, no memory) the file stays open and takes lines, outside the list.
+    fileInfo* node = logFile && fileList ? NewNode(name, now) : nullptr;
     free(path);
     return node;
 }
@@ -330,7 +402,7 @@ int ZvEventLogger::findlogfilesinfo() {
     try {
         if (!logFilePath) throw "No log directory";
         size_t length = strlen(logFilePath);
-        if (length + 2 > kScanPathUnits) throw "Log directory path too long";
+        if (length > kMaxLogPathBytes) throw "Log directory path too long";
         searchPath = static_cast<char*>(eventLoggerAlloc(length + 5));
         if (!searchPath) throw "No memory for the search path";
         OS_CorrectURLForDirSearch(logFilePath, &searchPath);
@@ -340,6 +412,10 @@ int ZvEventLogger::findlogfilesinfo() {
         memset(&data, 0, sizeof data);
         handle = Zv_FindFirst(widePath, &data);
         if (!handle) throw "Given directory not found";
+        // Nodes go behind the last one, found once: a walk to the end per file made a full directory cost
+        // the square of its files.
+        fileInfo** tail = &fileList;
+        while (*tail) tail = &(*tail)->next;
         do {
             if (data.isDirectory != 1 && wcsncmp(data.fileName, L"serverLog.", 10) == 0) {
                 size_t units = wcslen(data.fileName);
@@ -351,7 +427,8 @@ int ZvEventLogger::findlogfilesinfo() {
                     node->size = data.fileSize;
                     node->time = data.modifiedTime;
                     node->next = nullptr;
-                    addnode(node);
+                    *tail = node;
+                    tail = &node->next;
                     ++count;
                 } else {
                     // Without memory the file is left out of the list, as one of another directory would be.
@@ -388,15 +465,20 @@ void ZvEventLogger::handlelogfiles() {
 }
 
 void ZvEventLogger::deleteoldlogfiles() {
+    // A start in a directory full of old files has many to delete: they are chosen by one sort. A rotation
+    // has one, found by one walk.
+    const long long surplus = static_cast<long long>(currentFilesCount) - logFilesCount;
+    if (surplus > 1) {
+        const long long deleted = DeleteOldest(fileList, surplus, logFilePath);
+        if (deleted >= 0) {
+            currentFilesCount = static_cast<int>(currentFilesCount - deleted);
+            return;
+        }
+    }
     while (currentFilesCount > logFilesCount) {
         fileInfo* oldest = findoldnode();
         if (!oldest) return;
-        if (logFilePath) {
-            // A path that does not fit is not unlinked: a cut path could name some other file.
-            char path[PATH_MAX];
-            int length = snprintf(path, sizeof path, "%s/%s", logFilePath, oldest->name);
-            if (length > 0 && static_cast<size_t>(length) < sizeof path) OS_Unlink(path);
-        }
+        UnlinkLogFile(logFilePath, oldest->name);
         deletenode(oldest);
         --currentFilesCount;
     }

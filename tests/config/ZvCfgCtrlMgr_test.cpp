@@ -253,7 +253,8 @@ TEST_F(ConfigFile, UnreadableFileIsNotReplaced) {
     EXPECT_EQ(content, Read());
 }
 
-// A process that cannot use the semaphore (another user's, mode 0660) says so once and works without it.
+// A process that cannot use the semaphore (another user's, mode 0660) works without it and says nothing, at
+// every initialize: a tool's output must stay its own.
 TEST_F(ConfigFile, StoreWithoutTheLockStillWorks) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a child as another user";
     ASSERT_GT(::semget(kCfgKey, 1, 0), 0);  // made by this process's initialize, owned by root
@@ -264,7 +265,9 @@ TEST_F(ConfigFile, StoreWithoutTheLockStillWorks) {
             ZvConfigCtrlMgr* m = new ZvConfigCtrlMgr;  // never destroyed: the child ends with _exit
             msptest::CaptureFd out(1);
             int init = m->initialize(path.c_str());
-            if (out.Finish() != "cfg initialize failed to get mutex\n" || init != CFG_OK) return 1;
+            m->uninitialize();
+            init += m->initialize(path.c_str());
+            if (out.Finish() != "" || init != 2 * CFG_OK) return 1;
             if (m->createIntKey(C("S"), C("k"), 7) != CFG_OK) return 3;
             int v = 0;
             return m->getKeyIntValue(C("S"), C("k"), v) != CFG_OK || v != 7 ? 4 : 0;

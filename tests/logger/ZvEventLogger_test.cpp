@@ -79,7 +79,7 @@ TEST_F(StaticLoggerTest, BothOutputsWriteFormattedLinesCutTo1023BytesIntoOneFile
                   eventLogOut("value %d of %s", 5, "five");
                   errorLogOut("%s!", "error");
                   eventLoggerDoOut("100%% done");
-                  eventLoggerDoOut("");  // no line
+                  eventLoggerDoOut("%s", "");  // no line
                   eventLoggerDoOut("%s", fits.c_str());
                   eventLoggerDoOut("%s%s", longer.c_str(), longer.c_str());
                   return logVerbosity == 3 ? 0 : 3;

@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <climits>
+#include <random>
 #include <set>
 #include <thread>
 
@@ -265,6 +267,67 @@ TEST_F(LoggerTest, OldestAndNewestByUnsignedTimeWithTiesToTheHeadAndDeletionTake
     EXPECT_EQ(nullptr, logger.findnewnode());
 }
 
+// Deleting several files at once takes the ones that taking the oldest one at a time would: smallest time
+// first, ties to the node nearer the head, as many as the count is above logFilesCount or the whole list.
+// The list keeps the others in their order, the directory their files. Against that rule written out, on
+// lists of few distinct times.
+TEST_F(LoggerTest, DeletingSeveralTakesTheOldestAsOneAtATimeWould) {
+    ZvEventLogger logger;
+    Place(logger);
+    std::mt19937 random(3);
+    for (int round = 0; round < 120; ++round) {
+        const int length = static_cast<int>(random() % 30);
+        std::vector<std::pair<uint32_t, std::string>> model;  // time and name, in list order
+        fileInfo** tail = &logger.fileList;
+        for (int i = 0; i < length; ++i) {
+            const std::string name = "serverLog." + std::to_string(i);
+            const uint32_t time = random() % 4 == 0 ? 0xFFFFFFF0u + random() % 2 : random() % 4;
+            msptest::WriteFile(logs_ + "/" + name, "x");
+            *tail = MakeNode(name, time);
+            tail = &(*tail)->next;
+            model.push_back({time, name});
+        }
+        logger.currentFilesCount = length + static_cast<int>(random() % 3);  // may count more than it lists
+        logger.logFilesCount = round % 50 == 0 ? INT_MIN : static_cast<int>(random() % (length + 2)) - 1;
+        int count = logger.currentFilesCount;
+        for (; count > logger.logFilesCount && !model.empty(); --count) {
+            model.erase(std::min_element(model.begin(), model.end(),
+                                         [](const auto& a, const auto& b) { return a.first < b.first; }));
+        }
+        logger.deleteoldlogfiles();
+        std::vector<std::string> kept;
+        for (const auto& entry : model) kept.push_back(entry.second);
+        ASSERT_EQ(ListNames(logger), kept) << round;
+        ASSERT_EQ(logger.currentFilesCount, count) << round;
+        std::sort(kept.begin(), kept.end());
+        ASSERT_EQ(LogFiles(logs_), kept) << round;
+        for (const std::string& name : kept) ::unlink((logs_ + "/" + name).c_str());
+        logger.clearnodes();
+    }
+}
+
+// A start in a directory full of old files deletes them by one sort, not by a walk of the list per file:
+// 300,000 listed files, of which all but 10 go, oldest at the tail (a walk per file takes minutes).
+TEST_F(LoggerTest, DeletingManyFilesTakesOneSort) {
+    const int failed = msptest::RunChild(
+        [] {
+            constexpr int kFiles = 300000;
+            ZvEventLogger* logger = new ZvEventLogger;  // never destroyed: the child ends with _exit
+            fileInfo** tail = &logger->fileList;
+            for (int i = 0; i < kFiles; ++i) {
+                *tail = MakeNode("serverLog." + std::to_string(i), kFiles - i);
+                tail = &(*tail)->next;
+            }
+            logger->currentFilesCount = kFiles;
+            logger->logFilesCount = 10;
+            logger->deleteoldlogfiles();  // without a directory: the nodes go, nothing is unlinked
+            const std::vector<std::string> kept = ListNames(*logger);
+            return logger->currentFilesCount == 10 && kept.size() == 10 && kept[0] == "serverLog.0" ? 0 : 1;
+        },
+        20000);
+    EXPECT_EQ(failed, 0) << "kChildTimedOut is " << msptest::kChildTimedOut;
+}
+
 TEST_F(LoggerTest, DeletionPathsBeyond256BytesStillDeleteAndUnfittingOnesNeverWrite) {
     std::string path = MakeDirOfLength(dir_.path(), 300), name = "serverLog." + std::string(100, 'm');
     ASSERT_EQ(300u, path.size());
@@ -352,7 +415,7 @@ TEST_F(LoggerTest, StartRotationAndDeletionFollowSizeCountAndMode) {
     }
 }
 
-TEST_F(LoggerTest, DirectoryThatCannotBeMadeGivesZeroAndASilentLogger) {
+TEST_F(LoggerTest, DirectoryThatCannotBeMadeOrScannedGivesZeroAndASilentLogger) {
     ZvEventLogger logger;
     settings_.path = dir_.file("no/such/logs");
     EXPECT_EQ(0, logger.initializeLogger(Config(), kSection));
@@ -369,6 +432,18 @@ TEST_F(LoggerTest, DirectoryThatCannotBeMadeGivesZeroAndASilentLogger) {
     settings_.path = "";
     EXPECT_EQ(0, logger.initializeLogger(Config(), kSection));
     EXPECT_EQ(nullptr, logger.logFile);
+    // A path longer than the scan takes (254 bytes) would collect files that are never pruned: a start with
+    // it makes neither the directory nor a file, however often it runs. At 254 bytes the second start prunes.
+    settings_.filesCount = 1;
+    for (size_t length : {255u, 254u}) {
+        settings_.path = MakeDirOfLength(dir_.path(), length);
+        ::rmdir(settings_.path.c_str());
+        ZvEventLogger fresh;
+        for (int start = 0; start < 2; ++start)
+            EXPECT_EQ(length == 254 ? 1 : 0, fresh.initializeLogger(Config(), kSection)) << length;
+        EXPECT_EQ(length == 254 ? 1u : 0u, LogFiles(settings_.path).size()) << length;
+        EXPECT_EQ(length == 254, msptest::FileExists(settings_.path)) << length;
+    }
 }
 
 TEST_F(LoggerTest, SettingsThatCannotBeReadGiveZeroAndTouchNothing) {

@@ -35,12 +35,23 @@ public:
     }
 };
 
+// A clock so far ahead that tm_year + 1900 no longer fits an int (a 32-bit time_t cannot reach it).
+long long FarAhead() {
+    struct tm parts = {};
+    parts.tm_year = INT_MAX - 1000;
+    parts.tm_mon = 5;
+    parts.tm_mday = 15;
+    parts.tm_hour = 12;
+    return timegm(&parts);
+}
+
 std::string PrintfStamp(time_t seconds, int milliseconds) {
     struct tm parts;
     localtime_r(&seconds, &parts);
     char stamp[100];
-    snprintf(stamp, sizeof stamp, "%02d-%02d-%04d : %02d:%02d:%02d.%03d", parts.tm_mon + 1, parts.tm_mday,
-             parts.tm_year + 1900, parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds);
+    snprintf(stamp, sizeof stamp, "%02d-%02d-%04lld : %02d:%02d:%02d.%03d", parts.tm_mon + 1, parts.tm_mday,
+             static_cast<long long>(parts.tm_year) + 1900, parts.tm_hour, parts.tm_min, parts.tm_sec,
+             milliseconds);
     return std::string(stamp).substr(0, 25);  // the callers' buffers take 26 bytes
 }
 
@@ -59,7 +70,8 @@ TEST(LogLine, StampReadsAsPrintfWritesIt) {
                           {1795000000, INT_MAX},
                           {4102444800, 1},
                           {253402300799, 999},
-                          {253402300800, 0}};
+                          {253402300800, 0},
+                          {FarAhead(), 3}};
     ZvEventLogger logger;
     for (const Case& c : cases) {
         if (static_cast<time_t>(c.seconds) != c.seconds) continue;  // beyond a 32-bit time_t

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -80,6 +81,24 @@ TEST(ZvString, NullEmptyAndTextAcrossCopiesComparisonsAndAppends) {
         copy.erase();
         EXPECT_EQ(copy.c_str(), nullptr);
     }
+}
+
+// A result of + can be assigned, and a string moved: the buffer changes hands, the source is null after it,
+// the target's old text is freed (the leak check would see it), and moving a string onto itself keeps it.
+TEST(ZvString, ResultsAndStringsMoveIntoPlace) {
+    ZvString a(T("ab")), b(T("cd")), c(T("old"));
+    c = a + b;
+    c = c + T("!");
+    EXPECT_EQ(Of(c), "abcd!");
+    char* buffer = c.c_str();
+    ZvString d(std::move(c));
+    EXPECT_EQ(std::make_pair(c.c_str(), d.c_str()), std::make_pair(static_cast<char*>(nullptr), buffer));
+    c = T("other");
+    c = std::move(d);
+    ZvString& same = c;
+    c = std::move(same);
+    EXPECT_EQ(std::make_pair(c.c_str(), d.c_str()), std::make_pair(buffer, static_cast<char*>(nullptr)));
+    EXPECT_EQ(Of(c), "abcd!");
 }
 
 // A string of its own text, or a tail of it, keeps that text in its buffer; an append reads it before the

@@ -17,6 +17,7 @@ namespace msplat {
 namespace {
 
 constexpr size_t kMaxMessage = 1023;  // what the logger formats a line into, less the terminator
+constexpr int kMaxLogPath = 254;      // the longest log directory the logger starts in
 
 struct LogArgs {
     std::string config;
@@ -54,6 +55,9 @@ int WhyNotStarted(const LogArgs& args) {
         Error("log: %s: [%s] %s: %s", args.config.c_str(), args.module.c_str(), failed,
               CfgResultText(result));
         status = CfgResultStatus(result);
+    } else if (length > kMaxLogPath) {
+        Error("log: %s: [%s] logFilePath: longer than %d bytes, the most the logger can prune",
+              args.config.c_str(), args.module.c_str(), kMaxLogPath);
     } else {
         Error("log: the logger could not start: its directory could not be made");
     }

@@ -1,14 +1,14 @@
 #include "msplatform/stringUtils.h"
 
-#include <fcntl.h>
 #include <limits.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
+#include "os/openForReading.h"
 #include "stringUtils/linux/internal.h"
 
 namespace mspstring {
@@ -25,8 +25,11 @@ int StrnCaseCmp(const char* a, const char* b, size_t length) {
 
 namespace {
 
+constexpr char kLowerHex[] = "0123456789abcdef";  // the URI form's "%x"
+constexpr char kUpperHex[] = "0123456789ABCDEF";  // HTTPUrlEscape's "%XX"
+
 // Bytes that the URI form lets stand for themselves.
-constexpr bool isUriSafe(unsigned int c) {
+constexpr bool standsForItselfInUri(unsigned int c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
            c == '/' || c == ':' || c == '_' || c == '?';
 }
@@ -54,7 +57,7 @@ int readSequence(const unsigned char* source, unsigned char bytes[4], bool* cut)
 }
 
 // Bytes that HTTPUrlEscape lets stand for themselves.
-constexpr bool isUrlSafe(unsigned char c) {
+constexpr bool standsForItselfInHttpUrl(unsigned char c) {
     if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
     switch (c) {
         case '/':
@@ -82,11 +85,19 @@ struct UrlWidths {
 
 constexpr UrlWidths makeUrlWidths() {
     UrlWidths table{};
-    for (int c = 0; c < 256; ++c) table.width[c] = isUrlSafe(static_cast<unsigned char>(c)) ? 1 : 3;
+    for (int c = 0; c < 256; ++c)
+        table.width[c] = standsForItselfInHttpUrl(static_cast<unsigned char>(c)) ? 1 : 3;
     return table;
 }
 
 constexpr UrlWidths kUrlWidths = makeUrlWidths();
+
+// The escaped form's size as HTTPUrlEscape and HTTPUrlEscapeLength give it. A size beyond INT_MAX gives -1, a
+// size no allocation accepts: any positive answer would be smaller than the form, and a caller who sized a
+// destination by it would be written past.
+int EscapedCount(unsigned long long bytes) {
+    return bytes > static_cast<unsigned long long>(INT_MAX) ? -1 : static_cast<int>(bytes);
+}
 
 int hexValue(unsigned char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -97,7 +108,11 @@ int hexValue(unsigned char c) {
 
 // The stream's size by seeking to its end, or -1 if it can't be told (a pipe, a device) or doesn't fit the
 // signed 32-bit count. On the target ftell itself fails beyond 2 GiB; elsewhere the limit is kept here.
+// A directory has no size to tell, whatever the seek says: ext4 answers a 32-bit process with INT32_MAX
+// (which would cost a 2 GiB allocation before the read fails), procfs with 0.
 long streamSize(FILE* file) {
+    struct stat64 status;
+    if (::fstat64(::fileno(file), &status) != 0 || S_ISDIR(status.st_mode)) return -1;
     if (::fseek(file, 0, SEEK_END) != 0) return -1;
     const long size = ::ftell(file);
     if (size < 0 || static_cast<unsigned long>(size) > static_cast<unsigned long>(INT32_MAX)) return -1;
@@ -105,16 +120,75 @@ long streamSize(FILE* file) {
     return size;
 }
 
-// fopen64(path, "rb") without its wait for a writer: opening a FIFO that nobody writes would block for ever.
-// Reads block as usual again once the file is open; a FIFO then fails the size test.
-FILE* openForReading(const char* path) {
-    const int fd = ::open(path, O_RDONLY | O_LARGEFILE | O_NONBLOCK);
-    if (fd < 0) return nullptr;
-    const int flags = ::fcntl(fd, F_GETFL);
-    FILE* file =
-        flags != -1 && ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != -1 ? ::fdopen(fd, "rb") : nullptr;
-    if (file == nullptr) ::close(fd);
-    return file;
+// A string of known length read from its end: s(0) is its last byte.
+struct Backward {
+    const unsigned char* end;
+    unsigned char operator()(size_t i) const { return *(end - 1 - i); }
+};
+
+// Where the maximal suffix of x[0, m) begins, under the byte order or under its reverse, and the period of
+// that suffix: one pass, no memory.
+size_t MaximalSuffix(Backward x, size_t m, bool reversedOrder, size_t* period) {
+    size_t start = 0;  // the best suffix so far, x[start, m)
+    size_t j = 1;      // the suffix compared with it, x[j, m)
+    size_t k = 0;      // bytes of the current period matched
+    size_t p = 1;
+    while (j + k < m) {
+        const unsigned char a = x(j + k), b = x(start + k);
+        if (a == b) {
+            if (k + 1 == p) {
+                j += p;
+                k = 0;
+            } else {
+                ++k;
+            }
+        } else if ((a < b) != reversedOrder) {
+            j += k + 1;
+            k = 0;
+            p = j - start;
+        } else {
+            start = j;
+            j = start + 1;
+            k = 0;
+            p = 1;
+        }
+    }
+    *period = p;
+    return start;
+}
+
+// The first position of x[0, m) in y[0, n), or n if there is none; 0 < m <= n. Crochemore and Perrin's
+// two-way search: the needle is split where no shift can be missed, the right part is compared first, and a
+// mismatch moves on by what was matched. Time linear in n + m, a constant amount of memory.
+size_t TwoWaySearch(Backward x, size_t m, Backward y, size_t n) {
+    size_t period, reversedPeriod;
+    const size_t start = MaximalSuffix(x, m, false, &period);
+    const size_t reversedStart = MaximalSuffix(x, m, true, &reversedPeriod);
+    const size_t split = start > reversedStart ? start : reversedStart;
+    if (start <= reversedStart) period = reversedPeriod;
+    // A needle whose left part recurs one period on is periodic: once its right part matched, the needle
+    // moves on by the period and keeps the m - period bytes known to agree. Otherwise it moves on by more
+    // than its larger part.
+    bool periodic = true;
+    for (size_t i = 0; i < split && periodic; ++i) periodic = x(i) == x(i + period);
+    if (!periodic) period = (split > m - split ? split : m - split) + 1;
+    size_t known = 0;  // bytes at the start of the needle known to agree at `position`
+    for (size_t position = 0; position <= n - m;) {
+        size_t i = split > known ? split : known;
+        while (i < m && x(i) == y(position + i)) ++i;
+        if (i < m) {
+            position += i - split + 1;
+            known = 0;
+            continue;
+        }
+        // The right part matched: the left part then, back to what is known to agree.
+        i = split;
+        while (i > known && x(i - 1) == y(position + i - 1)) --i;
+        if (i <= known) return position;
+        position += period;
+        known = periodic ? m - period : 0;
+    }
+    return n;
 }
 
 }  // namespace
@@ -171,7 +245,7 @@ int strUtf8Len(const char* source, int isWide, int escape) {
     for (;; in += step) {
         const unsigned int c = isWide != 0 ? in[0] | (in[1] << 8) : in[0];
         if (c < 0x80) {
-            total += escape != 0 && !isUriSafe(c) ? 3 : 1;
+            total += escape != 0 && !standsForItselfInUri(c) ? 3 : 1;
         } else {
             total += (c < 0x800 ? 2 : 3) * (escape != 0 ? 3 : 1);
         }
@@ -194,7 +268,6 @@ struct EncodingTable {
 };
 
 constexpr EncodingTable makeEncodingTable(bool escape) {
-    constexpr char kHex[] = "0123456789abcdef";
     EncodingTable table{};
     for (unsigned int c = 0; c < 256; ++c) {
         Encoded& e = table.unit[c];
@@ -202,12 +275,12 @@ constexpr EncodingTable makeEncodingTable(bool escape) {
         e.items = c < 0x80 ? 1 : 2;
         for (unsigned int i = 0; i < e.items; ++i) {
             const unsigned int b = bytes[i];
-            if (!escape || (c < 0x80 && (c == 0 || isUriSafe(c)))) {
+            if (!escape || (c < 0x80 && (c == 0 || standsForItselfInUri(c)))) {
                 e.bytes[e.length++] = static_cast<char>(b);
             } else {
                 e.bytes[e.length++] = '%';
-                if (b >= 0x10) e.bytes[e.length++] = kHex[b >> 4];
-                e.bytes[e.length++] = kHex[b & 0x0F];
+                if (b >= 0x10) e.bytes[e.length++] = kLowerHex[b >> 4];
+                e.bytes[e.length++] = kLowerHex[b & 0x0F];
             }
         }
     }
@@ -216,6 +289,23 @@ constexpr EncodingTable makeEncodingTable(bool escape) {
 
 constexpr EncodingTable kPlainEncoding = makeEncodingTable(false);
 constexpr EncodingTable kEscapedEncoding = makeEncodingTable(true);
+
+// The room that _strToUtf8's table paths keep, and why it suffices.
+constexpr int kLargestUnitBytes = 9;  // a unit of 0x800 or more, escaped: "%e2%82%ac"
+constexpr int kWidestRoomTest = 3;    // the loop begins no character at j >= limit - 3
+// While more room than this is left, no unit can meet a room test of the loop: the table paths run up to it.
+constexpr int kTableRoom = kLargestUnitBytes + kWidestRoomTest;
+// The narrow path stores whole entries, whose bytes behind the real ones are scratch.
+constexpr size_t kEntryBytes = sizeof(Encoded::bytes);
+constexpr size_t kScratchBytes = kEntryBytes - 1;
+// It leaves the last units of the text to the other table path; each writes at least one byte, so together
+// they cover the scratch of the last entry stored.
+constexpr size_t kTailUnits = 5;
+static_assert(kTailUnits >= kScratchBytes, "the tail covers the scratch");
+// It begins no entry at limit - kNarrowRoom or beyond, so the last entry's scratch, and every tail unit
+// that writes over it, lies below limit - kTableRoom, where no room test can stop the tail.
+constexpr int kNarrowRoom = 24;
+static_assert(kNarrowRoom >= kTableRoom + kEntryBytes, "the tail is never stopped");
 
 // Encodes units from `in` while the write position is below `end`, up to the terminator or the first unit of
 // 0x100 or more; moves `j` and `items` on and gives the first unit not encoded. Writes only the bytes of the
@@ -250,11 +340,10 @@ const unsigned char* encodeFromTable(const EncodingTable& table, const unsigned 
     return in;
 }
 
-// The same for one-byte text of known length, without a branch per byte: every unit stores all six bytes of
-// its table entry and moves on by its real length. The bytes behind the real ones are scratch that the next
-// units overwrite: each of them writes at least one byte, so the five units that follow the last one done
-// here cover its scratch. The caller keeps five units of text and 24 bytes of room behind `end`, so that
-// those units are written before any room test can stop the conversion.
+// The same for one-byte text of known length, without a branch per byte: every unit stores its whole table
+// entry (kEntryBytes) and moves on by its real length. The bytes behind the real ones are scratch that the
+// next units overwrite: the caller keeps kTailUnits units of text and kNarrowRoom bytes of room behind
+// `end` for them.
 const unsigned char* encodeNarrowFromTable(const EncodingTable& table, const unsigned char* in,
                                            const unsigned char* inEnd, char* destination, size_t end, int& j,
                                            int& items) {
@@ -279,7 +368,6 @@ int _strToUtf8(char* destination, const char* source, int size, int isWide, int*
         if (count != nullptr) *count = 0;
         return 0;
     }
-    static const char kHex[] = "0123456789abcdef";
     const unsigned char* in = reinterpret_cast<const unsigned char*>(source);
     const int step = isWide != 0 ? 2 : 1;
     const int limit = size - 1;
@@ -291,30 +379,30 @@ int _strToUtf8(char* destination, const char* source, int size, int isWide, int*
             destination[j++] = static_cast<char>(byte);
         } else {
             destination[j++] = '%';
-            if (byte >= 0x10) destination[j++] = kHex[byte >> 4];
-            destination[j++] = kHex[byte & 0x0F];
+            if (byte >= 0x10) destination[j++] = kLowerHex[byte >> 4];
+            destination[j++] = kLowerHex[byte & 0x0F];
         }
         ++items;
     };
-    // While the destination has more than 12 bytes of room left, no unit (at most 9 bytes) can meet any of
-    // the room tests below, so units under 0x100 come from a table, with no test but the terminator's.
-    if (limit > 12) {
+    // While the destination has more than kTableRoom bytes of room left, no unit can meet any of the room
+    // tests below, so units under 0x100 come from a table, with no test but the terminator's.
+    if (limit > kTableRoom) {
         const EncodingTable& table = escape != 0 ? kEscapedEncoding : kPlainEncoding;
+        const size_t end = static_cast<size_t>(limit - kTableRoom);
         if (isWide == 0) {
             const size_t length = strlen(source);
-            if (length > 5 && limit > 24)
-                in = encodeNarrowFromTable(table, in, in + (length - 5), destination,
-                                           static_cast<size_t>(limit - 24), j, items);
+            if (length > kTailUnits && limit > kNarrowRoom)
+                in = encodeNarrowFromTable(table, in, in + (length - kTailUnits), destination,
+                                           static_cast<size_t>(limit - kNarrowRoom), j, items);
         }
-        in = isWide != 0
-                 ? encodeFromTable<true>(table, in, destination, static_cast<size_t>(limit - 12), j, items)
-                 : encodeFromTable<false>(table, in, destination, static_cast<size_t>(limit - 12), j, items);
+        in = isWide != 0 ? encodeFromTable<true>(table, in, destination, end, j, items)
+                         : encodeFromTable<false>(table, in, destination, end, j, items);
     }
     for (;; in += step) {
         const unsigned int c = isWide != 0 ? in[0] | (in[1] << 8) : in[0];
         if (c < 0x80) {
             if (j >= limit) break;
-            if (escape != 0 && c != 0 && !isUriSafe(c)) {
+            if (escape != 0 && c != 0 && !standsForItselfInUri(c)) {
                 if (j >= limit - 3) break;
                 put(c, true);
             } else {
@@ -358,12 +446,14 @@ int LastIndexOf(const char* text, const char* needle) {
     const size_t m = ::strlen(needle);
     if (m > n) return -1;
     if (m == 0) return static_cast<int>(n);
-    for (size_t position = n - m + 1; position-- > 0;) {
-        if (text[position] == needle[0] && ::memcmp(text + position, needle, m) == 0) {
-            return static_cast<int>(position);
-        }
+    if (m == 1) {
+        const void* found = ::memrchr(text, needle[0], n);
+        return found != nullptr ? static_cast<int>(static_cast<const char*>(found) - text) : -1;
     }
-    return -1;
+    // Both read from their ends, so the first occurrence found is the last one.
+    const size_t fromEnd = TwoWaySearch(Backward{reinterpret_cast<const unsigned char*>(needle) + m}, m,
+                                        Backward{reinterpret_cast<const unsigned char*>(text) + n}, n);
+    return fromEnd < n ? static_cast<int>(n - m - fromEnd) : -1;
 }
 
 char* MakeStrcpy(const char* text) {
@@ -382,7 +472,7 @@ char* cpyfilebuf(const char* path, int* count) {
     FILE* file = nullptr;
     char* buffer = nullptr;
     try {
-        file = openForReading(path);
+        file = OpenForReading(path);
         if (file == nullptr) throw "File open error !!!";
         const long size = streamSize(file);
         if (size >= 0) {
@@ -429,7 +519,6 @@ int EndsWith(const char* text, const char* suffix, int ignoreCase) {
 }
 
 int HTTPUrlEscape(char* destination, const char* source) {
-    static const char kHex[] = "0123456789ABCDEF";
     char* out = destination;
     for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
         const unsigned char c = *in;
@@ -437,13 +526,13 @@ int HTTPUrlEscape(char* destination, const char* source) {
             *out++ = static_cast<char>(c);
         } else {
             out[0] = '%';
-            out[1] = kHex[c >> 4];
-            out[2] = kHex[c & 0x0F];
+            out[1] = kUpperHex[c >> 4];
+            out[2] = kUpperHex[c & 0x0F];
             out += 3;
         }
     }
     *out++ = '\0';
-    return static_cast<int>(out - destination);
+    return EscapedCount(static_cast<unsigned long long>(out - destination));
 }
 
 int HTTPUrlEscapeLength(const char* source) {
@@ -452,7 +541,7 @@ int HTTPUrlEscapeLength(const char* source) {
     for (const unsigned char* in = reinterpret_cast<const unsigned char*>(source); *in != 0; ++in) {
         length += kUrlWidths.width[*in];
     }
-    return length > static_cast<unsigned long long>(INT_MAX) ? INT_MAX : static_cast<int>(length);
+    return EscapedCount(length);
 }
 
 int HTTPUrlUnEscape(char* text) {

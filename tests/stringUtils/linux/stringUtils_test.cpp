@@ -83,6 +83,61 @@ TEST(StringSearch, PositionsAffixesAndExtensions) {
     EXPECT_EQ(GetFileExtension(nullptr), nullptr);
 }
 
+// Both searches against the rule written out, on texts of two to four letters, half of them with needles
+// made of a repeated word, so that periodic needles and near misses are frequent. Text and needle end at a
+// guard page.
+TEST(StringSearch, FirstAndLastPositionsFollowTheRule) {
+    std::mt19937 random(5);
+    for (int round = 0; round < 5000; ++round) {
+        const unsigned letters = 2 + random() % 3;
+        auto word = [&](size_t length) {
+            std::string w(length, 'a');
+            for (char& c : w) c = static_cast<char>('a' + random() % letters);
+            return w;
+        };
+        std::string needle = word(random() % 9);
+        if (round % 2 == 1) {
+            const std::string unit = word(1 + random() % 3);
+            while (needle.size() < 2 + random() % 10) needle += unit;
+            if (random() % 2 == 0) needle[random() % needle.size()] = 'a';
+        }
+        std::string text;
+        const size_t length = random() % 40;
+        while (text.size() < length) text += random() % 2 == 0 ? needle : word(1 + random() % 4);
+        int first = -1, last = -1;
+        for (size_t p = 0; p + needle.size() <= text.size(); ++p) {
+            if (text.compare(p, needle.size(), needle) != 0) continue;
+            if (first < 0) first = static_cast<int>(p);
+            last = static_cast<int>(p);
+        }
+        if (text.empty()) first = -1;
+        GuardedBytes t = GuardedBytes::String(text), w = GuardedBytes::String(needle);
+        ASSERT_EQ(std::make_pair(IndexOf(t.data(), w.data()), LastIndexOf(t.data(), w.data())),
+                  std::make_pair(first, last))
+            << text << " / " << needle;
+    }
+}
+
+// A near miss at every position costs both searches one pass, not a comparison of the needle at each: 4 MiB
+// of 'a' against needles of 512 KiB, 'a's then 'b' and 'b' then 'a's, which a naive search takes minutes
+// over.
+TEST(StringSearch, NearMissesAtEveryPositionTakeOnePass) {
+    const std::string text(4 << 20, 'a');
+    std::string endsInB(512 << 10, 'a'), startsWithB = endsInB;
+    endsInB.back() = 'b';
+    startsWithB.front() = 'b';
+    const int failed = msptest::RunChild(
+        [&] {
+            for (const std::string* needle : {&endsInB, &startsWithB}) {
+                if (IndexOf(text.c_str(), needle->c_str()) != -1) return 1;
+                if (LastIndexOf(text.c_str(), needle->c_str()) != -1) return 2;
+            }
+            return 0;
+        },
+        10000);
+    EXPECT_EQ(failed, 0) << "kChildTimedOut is " << msptest::kChildTimedOut;
+}
+
 // StrChomp changes one byte, at the first line break; MakeStrcpy copies into a new block.
 TEST(StringCopies, ChompAndMakeStrcpy) {
     const std::pair<const char*, size_t> chomps[] = {
@@ -117,9 +172,10 @@ std::string Escaped(const std::string& source) {
     return std::string(out.data());
 }
 
-// Every byte value against the set written out by hand; the length of 720 MiB of blanks (over 2 GiB
-// escaped) stops at the largest int rather than overflowing.
-TEST(HTTPUrlEscape, EscapesAllButTheUrlSetAndTheLengthSaturates) {
+// Every byte value against the set written out by hand. A count beyond INT_MAX is -1, never a smaller size
+// that a destination could be allocated by. kFits blanks escape to exactly INT_MAX bytes; one more goes
+// beyond (683 MiB of text, mapped from one).
+TEST(HTTPUrlEscape, EscapesAllButTheUrlSetAndACountBeyondIntMaxIsMinusOne) {
     EXPECT_EQ(Escaped("a b/c"), "a%20b/c");
     EXPECT_EQ(Escaped(""), "");
     const std::string safe = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/@;:=+$-_.*";
@@ -129,9 +185,12 @@ TEST(HTTPUrlEscape, EscapesAllButTheUrlSetAndTheLengthSaturates) {
                       c);
         EXPECT_EQ(Escaped(std::string(1, char(c))), expected) << c;
     }
-    msptest::RepeatedText blanks(' ', 720);
-    if (!blanks.text()) GTEST_SKIP() << "the system gives no 720 MiB of address space";
-    EXPECT_EQ(HTTPUrlEscapeLength(blanks.text()), INT_MAX);
+    constexpr size_t kFits = (INT_MAX - 1) / 3, kMegabytes = 683;
+    static_assert(3 * kFits + 1 == INT_MAX && kMegabytes << 20 > kFits);
+    msptest::RepeatedText blanks(' ', kMegabytes);
+    if (!blanks.text()) GTEST_SKIP() << "the system gives no 683 MiB of address space";
+    const char* end = blanks.text() + (kMegabytes << 20);
+    EXPECT_EQ(HTTPUrlEscapeLength(end - kFits - 1), -1);
 }
 
 // The buffer afterwards, its terminator included, and the result.
@@ -175,7 +234,8 @@ TEST(HTTPUrlUnEscape, RandomTextsDecodeAsTheLengthAtTheStartSays) {
 }
 
 // The whole file (zero bytes included) and a zero byte behind it, in the one block asked for; the count may
-// be left out. A missing file, a directory, a FIFO that nobody writes (an open that waits for a writer would
+// be left out. A missing file, directories (whatever size their file system tells by seeking: ext4 gives
+// INT32_MAX to a 32-bit process, procfs 0), a FIFO that nobody writes (an open that waits for a writer would
 // never return: hence the child with a time-out) and a file beyond 2^31-1 bytes give null without
 // allocating; running out of memory gives null. Failures leave the count.
 TEST(Cpyfilebuf, LoadsTheWholeFileAndFailuresGiveNullAndLeaveTheCount) {
@@ -205,7 +265,7 @@ TEST(Cpyfilebuf, LoadsTheWholeFileAndFailuresGiveNullAndLeaveTheCount) {
     const int fd = ::open(sparse.c_str(), O_CREAT | O_WRONLY | O_LARGEFILE, 0600);
     const bool sparseMade = fd >= 0 && ::ftruncate64(fd, static_cast<off64_t>(INT32_MAX) + 1) == 0;
     ::close(fd);
-    const std::vector<std::string> paths = {dir.file("missing"), dir.path(), fifo,
+    const std::vector<std::string> paths = {dir.file("missing"), dir.path(), "/proc", fifo,
                                             sparseMade ? sparse : fifo};
     const int failed = msptest::RunChild(
         [&] {

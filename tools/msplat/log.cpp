@@ -24,10 +24,6 @@ struct LogArgs {
     std::vector<std::string> words;
 };
 
-char* C(const std::string& text) {
-    return const_cast<char*>(text.c_str());
-}
-
 // The logger says only that it could not start; the store tells which of its settings is missing.
 int WhyNotStarted(const LogArgs& args) {
     if (initializeConfig(args.config.c_str()) != CFG_OK) return kFailure;
@@ -105,7 +101,7 @@ int Log(const LogArgs& args) {
     }
     eventLogOut("%s", message.c_str());
     std::string written = CurrentLogFile();
-    if (!written.empty()) puts(written.c_str());
+    if (!written.empty()) Puts(written.c_str());
     return kOk;
 }
 

@@ -294,6 +294,8 @@ void AddConfigCommands(CLI::App& app, int& status) {
     CLI::App* dump = config->add_subcommand("dump", "Print the sections and keys as the store reads them");
     dump->fallthrough();
     dump->callback([&status, args] { status = Dump(*args); });
+
+    AddConfigChangeCommands(config, std::shared_ptr<std::string>(args, &args->file), status);
 }
 
 }  // namespace msplat

@@ -17,6 +17,8 @@ enum Status { kOk = 0, kMissing = 1, kFailure = 2 };
 
 // Each group adds its subcommands to the application; the one that runs stores its status in `status`.
 void AddConfigCommands(CLI::App& app, int& status);
+// apply and edit, on the file that `file` names once the command line is parsed.
+void AddConfigChangeCommands(CLI::App* config, const std::shared_ptr<std::string>& file, int& status);
 void AddIdentCommands(CLI::App& app, int& status);
 void AddOsCommands(CLI::App& app, int& status);
 void AddLanguageCommands(CLI::App& app, int& status);

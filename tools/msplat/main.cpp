@@ -32,6 +32,7 @@ int Run(int argc, char** argv) {
     msplat::AddLanguageCommands(app, status);
     msplat::AddFormatsCommands(app, status);
     msplat::AddLogCommands(app, status);
+    msplat::AddLocksCommands(app, status);
     msplat::AddDemoCommands(app, status);
     try {
         app.parse(argc, argv);

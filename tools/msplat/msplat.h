@@ -25,6 +25,8 @@ void AddLanguageCommands(CLI::App& app, int& status);
 void AddFormatsCommands(CLI::App& app, int& status);
 void AddLogCommands(CLI::App& app, int& status);
 void AddLocksCommands(CLI::App& app, int& status);
+// log list and log follow.
+void AddLogFileCommands(CLI::App* log, int& status);
 void AddDemoCommands(CLI::App& app, int& status);
 
 // The path of the file that the library's event logger writes to; empty when it has none open.

@@ -242,18 +242,28 @@ struct Following {
     std::unique_ptr<Reader> reader;
 };
 
+using FileIds = std::set<std::tuple<std::string, dev_t, ino_t>>;
+
+FileIds IdsOf(const std::vector<LogFile>& files) {
+    FileIds ids;
+    for (const LogFile& file : files) ids.emplace(file.name, file.st.st_dev, file.st.st_ino);
+    return ids;
+}
+
 // Opens the files that came since the last look, at once, before the logger can delete them; oldest first.
-std::vector<Following> OpenNew(const std::string& dir, const std::string& module,
-                               std::set<std::tuple<std::string, dev_t, ino_t>>& seen) {
+// `seen` becomes the files there now: only those can be met again.
+std::vector<Following> OpenNew(const std::string& dir, const std::string& module, FileIds& seen) {
     std::vector<LogFile> files;
     std::vector<Following> fresh;
     if (!ListFiles(dir, module, files)) return fresh;  // gone for now; the open files are still read
+    FileIds present = IdsOf(files);
     for (LogFile& file : files) {
-        if (!seen.emplace(file.name, file.st.st_dev, file.st.st_ino).second) continue;
+        if (seen.count(std::make_tuple(file.name, file.st.st_dev, file.st.st_ino))) continue;
         int fd = open((dir + "/" + file.name).c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) continue;  // deleted before it could be opened: nothing can be done about it
         fresh.push_back({std::move(file), std::make_unique<Reader>(fd, 0)});
     }
+    seen.swap(present);
     return fresh;
 }
 
@@ -294,8 +304,7 @@ int Follow(const FilesArgs& args) {
     std::vector<LogFile> files;
     int status = OpenDir(args, dir, files);
     if (status != kOk) return status;
-    std::set<std::tuple<std::string, dev_t, ino_t>> seen;
-    for (const LogFile& file : files) seen.emplace(file.name, file.st.st_dev, file.st.st_ino);
+    FileIds seen = IdsOf(files);
     Following current;
     if (!files.empty()) {
         current.file = files.back();

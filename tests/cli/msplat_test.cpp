@@ -3,7 +3,9 @@
 #include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -18,13 +20,46 @@ namespace {
 
 using msptest::Msplat;
 
-TEST(Cli, HelpOnEveryCommand) {
-    for (const std::string command :
-         {"", "config", "config get", "config type", "config set", "config create", "config dump", "uuid",
-          "md5", "walk", "servername", "scanpaths", "tx", "languages"}) {
-        std::vector<std::string> args;
-        std::istringstream words(command);
-        for (std::string word; words >> word;) args.push_back(word);
+std::vector<std::string> Words(const std::string& text) {
+    std::vector<std::string> words;
+    std::istringstream in(text);
+    for (std::string word; in >> word;) words.push_back(word);
+    return words;
+}
+
+// What the bash completion offers for the words of a command line, the last being the one completed.
+std::vector<std::string> Completions(std::vector<std::string> words) {
+    msptest::TempDir dir;
+    const std::string script = dir.file("complete"), out = dir.file("out");
+    msptest::WriteFile(script, "source " MSPLATFORM_SOURCE_DIR
+                               "/tools/msplat/msplat.bash-completion\n"
+                               "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _msplat\n"
+                               "printf '%s\\n' \"${COMPREPLY[@]}\" > " +
+                                   out + "\n");
+    words.insert(words.begin(), {"bash", script});
+    EXPECT_EQ(msptest::RunChild(
+                  [&] {
+                      std::vector<char*> argv;
+                      for (std::string& word : words) argv.push_back(&word[0]);
+                      argv.push_back(nullptr);
+                      execvp("bash", argv.data());
+                      return 127;
+                  },
+                  60000),
+              0);
+    return Words(msptest::ReadFile(out));
+}
+
+// Every command, found through the help of msplat and of its groups, has help of its own, a place in the
+// manual page and a completion.
+TEST(Cli, EveryCommandHasHelpAManualEntryAndACompletion) {
+    const std::string manual = msptest::ReadFile(MSPLATFORM_SOURCE_DIR "/tools/msplat/msplat.1");
+    std::vector<std::string> pending = {""};
+    size_t commands = 0;
+    while (!pending.empty()) {
+        const std::string command = pending.back();
+        pending.pop_back();
+        std::vector<std::string> args = Words(command);
         args.push_back("--help");
         const msptest::MsplatResult r = Msplat(args);
         EXPECT_EQ(r.status, 0) << command;
@@ -32,30 +67,51 @@ TEST(Cli, HelpOnEveryCommand) {
             << command << "\n"
             << r.out;
         EXPECT_EQ(r.err, "") << command;
+        const size_t list = r.out.find("\nSubcommands:\n");
+        if (list == std::string::npos) continue;
+        std::vector<std::string> line = Words(command);
+        line.insert(line.begin(), "msplat");
+        line.push_back("");
+        const std::vector<std::string> offered = Completions(line);
+        std::istringstream subcommands(r.out.substr(list + 14, r.out.find("\n\n", list + 1) - list - 14));
+        for (std::string entry; std::getline(subcommands, entry);) {
+            const std::string name = Words(entry).at(0), path = command.empty() ? name : command + " " + name;
+            pending.push_back(path);
+            ++commands;
+            EXPECT_NE(std::find(offered.begin(), offered.end(), name), offered.end()) << path;
+            EXPECT_TRUE(manual.find("msplat " + path) != std::string::npos ||
+                        manual.find("\\fB" + name + "\\fR") != std::string::npos)
+                << path;
+        }
     }
+    EXPECT_GE(commands, 25u);
 }
 
 // Parse errors and values out of range: status 2, a message, nothing on standard output.
 TEST(Cli, BadUsage) {
     std::vector<msptest::Expected> runs;
-    for (const std::vector<std::string>& args :
-         std::vector<std::vector<std::string>>{{},
-                                               {"nosuch"},
-                                               {"config"},
-                                               {"config", "get", "a"},
-                                               {"config", "create", "a", "k", "1"},
-                                               {"config", "create", "a", "k", "1", "--int", "--string"},
-                                               {"config", "get", "a", "k", "extra"},
-                                               {"config", "--nosuch", "dump"},
-                                               {"formats"},
-                                               {"formats", "ext"},
-                                               {"tx"},
-                                               {"walk"},
-                                               {"walk", std::string(1024, 'x')},
-                                               {"uuid", "-n", "0"},
-                                               {"uuid", "-n", "-1"},
-                                               {"uuid", "-n", "x"},
-                                               {"log", "--module", "srv", "x"}})
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {},
+             {"nosuch"},
+             {"config"},
+             {"config", "get", "a"},
+             {"config", "create", "a", "k", "1"},
+             {"config", "create", "a", "k", "1", "--int", "--string"},
+             {"config", "get", "a", "k", "extra"},
+             {"config", "--nosuch", "dump"},
+             {"formats"},
+             {"formats", "ext"},
+             {"tx"},
+             {"walk"},
+             {"walk", std::string(1024, 'x')},
+             {"uuid", "-n", "0"},
+             {"uuid", "-n", "-1"},
+             {"uuid", "-n", "x"},
+             {"log", "--module", "srv", "x"},
+             {"log", "list", "--module", "srv"},
+             {"log", "follow", "--dir", "d", "--config", "c", "--module", "m"},
+             {"log", "follow", "--dir", "d", "--module", "m", "--lines", "-1"},
+             {"config", "apply", "a", "b"}})
         runs.push_back({args, 2, "", "*"});
     msptest::ExpectRuns(runs);
 }

@@ -8,6 +8,7 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -34,9 +35,13 @@ key_t KeyOf(const std::string& name) {
     return static_cast<key_t>(sum * 99u);
 }
 
-// The command name of a process that still runs; empty when it has ended.
+// The command name of the process of a set's last operation while it runs, or why there is none.
 std::string CommandOf(int pid) {
-    if (pid <= 0 || (kill(pid, 0) != 0 && errno == ESRCH)) return "";
+    if (pid <= 0) return "-";
+    // The library makes the sets of the logger and the language reader when it is loaded, and so msplat's
+    // own start makes them when they are missing.
+    if (pid == getpid()) return "(this msplat)";
+    if (kill(pid, 0) != 0 && errno == ESRCH) return "(ended)";
     std::string command = "?";  // it runs, but /proc does not tell
     if (FILE* stream = fopen(("/proc/" + std::to_string(pid) + "/comm").c_str(), "re")) {
         char text[64];
@@ -64,7 +69,7 @@ int Row(const std::string& name, int width) {
     // Only attach: without IPC_CREAT, semget never makes a set.
     int id = semget(key, 0, 0);
     if (id < 0 && errno == ENOENT) {
-        Printf("%-7s %-6s %-7s %-15s %-7s %s\n", "none", "-", "-", "-", "-", "-");
+        Printf("%-10s %-6s %-7s %-15s %-7s %s\n", "none", "-", "-", "-", "-", "-");
         return kOk;
     }
     struct semid_ds ds;
@@ -84,11 +89,8 @@ int Row(const std::string& name, int width) {
     }
     const std::string state = value == 1 ? "free" : value == 0 ? "held" : "value " + std::to_string(value);
     const std::string command = CommandOf(pid);
-    Printf("%-7d %-6s %-7s %-15s %-7d %s\n", id, state.c_str(), pid > 0 ? std::to_string(pid).c_str() : "-",
-           pid <= 0          ? "-"
-           : command.empty() ? "(ended)"
-                             : command.c_str(),
-           waiters, TimeText(ds.sem_otime).c_str());
+    Printf("%-10d %-6s %-7s %-15s %-7d %s\n", id, state.c_str(), pid > 0 ? std::to_string(pid).c_str() : "-",
+           command.c_str(), waiters, TimeText(ds.sem_otime).c_str());
     return kOk;
 }
 
@@ -103,8 +105,8 @@ int Locks(std::vector<std::string> names) {
         }
         width = std::max(width, static_cast<int>(name.size()));
     }
-    Printf("%-*s %-7s %-7s %-6s %-7s %-15s %-7s %s\n", width, "NAME", "KEY", "SET", "STATE", "PID", "COMMAND",
-           "WAITERS", "LAST-OP");
+    Printf("%-*s %-7s %-10s %-6s %-7s %-15s %-7s %s\n", width, "NAME", "KEY", "SET", "STATE", "PID",
+           "COMMAND", "WAITERS", "LAST-OP");
     int status = kOk;
     for (const std::string& name : names) status = std::max(status, Row(name, width));
     return status;
@@ -123,7 +125,9 @@ void AddLocksCommands(CLI::App& app, int& status) {
         "semaphore set's id, or none; STATE, free or held; PID, the process of the last operation on it,\n"
         "with its COMMAND while it runs ((ended) when it doesn't); WAITERS, the processes waiting to take\n"
         "it; LAST-OP, the local time of that operation, which for a held lock is when it was taken.\n"
-        "The sets are only read: no lock is taken, changed, made or removed.");
+        "The sets are only read: no lock is taken, changed, made or removed. (The library itself makes\n"
+        "the sets of eventLogger and languageReader when msplat starts, if they are missing: their\n"
+        "process is then (this msplat).)");
     locks->callback([&status, names] { status = Locks(*names); });
 }
 

@@ -395,14 +395,13 @@ void AddConfigChangeCommands(CLI::App* config, const std::shared_ptr<std::string
     apply->add_option("FILE", args->input, "The lines; standard input when none is given, or for \"-\"");
     apply->add_flag("--dry-run", args->dryRun, "Print what would change and write nothing");
     apply->footer(
-        "Lines: [section], key=\"text\", key=number (a decimal int), empty lines. Under one hold of the "
-        "lock\n"
-        "\"cfgCtrlMgr\": one read of the file, every change (a missing section or key is created, an\n"
-        "existing key is set and keeps its type), one write. A section line names the section for the\n"
-        "lines behind it. Nothing is written when a line is one that the store would drop or read\n"
-        "otherwise (no \"=\", a key ahead of the first section, a repeated key, a number with other text, a\n"
-        "string without its closing quote), when a value's type is not the key's, or when a new name begins\n"
-        "or ends with a blank; the message names the line.\n"
+        "Lines: [section], key=\"text\", key=number (a decimal int), empty lines. Under one hold of\n"
+        "the lock \"cfgCtrlMgr\": one read of the file, every change (a missing section or key is\n"
+        "created, an existing key is set and keeps its type), one write. A section line names the\n"
+        "section for the lines behind it. Nothing is written when a line is one that the store would\n"
+        "drop or read otherwise (no \"=\", a key ahead of the first section, a repeated key, a number\n"
+        "with other text, a string without its closing quote), when a value's type is not the key's, or\n"
+        "when a new name begins or ends with a blank; the message names the line.\n"
         "--dry-run prints each change: [section] key=value (was old value), (new key) or (new section).");
     apply->callback([&status, file, args] { status = Apply(*file, *args); });
 

@@ -54,49 +54,62 @@ struct LogFile {
     }
 };
 
-// Digits at `at` in `text`, as a number; -1 unless there are exactly `count` of them there.
-int Digits(const std::string& text, size_t at, size_t count) {
+// Digits at `text`, as a number; -1 unless all `count` of them are digits.
+int Digits(const char* text, size_t count) {
     int value = 0;
-    for (size_t i = at; i < at + count; ++i) {
-        if (i >= text.size() || text[i] < '0' || text[i] > '9') return -1;
+    for (size_t i = 0; i < count; ++i) {
+        if (text[i] < '0' || text[i] > '9') return -1;
         value = value * 10 + (text[i] - '0');
     }
     return value;
 }
 
-// Whether `name` is one of the module's files, "serverLog.<module>.MM-DD-YYYY.HHMMSS.mmm.txt" by the
-// logger's own format; its time when it is. Another module's files are not (the logger counts them all).
-bool ModuleFile(const std::string& name, const std::string& module, NameTime& named) {
-    const std::string format = EventLogger_FileName;  // "serverLog.%s.%s.%s.txt"
-    const size_t first = format.find("%s"), last = format.rfind("%s");
-    const std::string prefix = format.substr(0, first) + module + format.substr(first + 2, 1);
-    const std::string suffix = format.substr(last + 2);
-    const size_t fields = 10 + 1 + 10;  // "MM-DD-YYYY", ".", "HHMMSS.mmm"
-    if (name.size() != prefix.size() + fields + suffix.size() ||
-        name.compare(0, prefix.size(), prefix) != 0 ||
-        name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)
-        return false;
-    const std::string f = name.substr(prefix.size(), fields);
-    if (f[2] != '-' || f[5] != '-' || f[10] != '.' || f[17] != '.') return false;
-    named = {Digits(f, 6, 4),  Digits(f, 0, 2),  Digits(f, 3, 2), Digits(f, 11, 2),
-             Digits(f, 13, 2), Digits(f, 15, 2), Digits(f, 18, 3)};
-    const auto& [y, mo, d, h, mi, s, ms] = named;
-    return y >= 0 && mo >= 0 && d >= 0 && h >= 0 && mi >= 0 && s >= 0 && ms >= 0;
-}
+// The names of a module's files, "serverLog.<module>.MM-DD-YYYY.HHMMSS.mmm.txt" by the logger's own format.
+// Another module's files are none of them, though the logger counts and deletes them all.
+class ModuleNames {
+public:
+    explicit ModuleNames(const std::string& module) {
+        const std::string format = EventLogger_FileName;  // "serverLog.%s.%s.%s.txt"
+        const size_t first = format.find("%s"), last = format.rfind("%s");
+        prefix_ = format.substr(0, first) + module + format.substr(first + 2, 1);
+        suffix_ = format.substr(last + 2);
+    }
+
+    // Whether `name` is one; its time when it is.
+    bool Match(const char* name, NameTime& named) const {
+        const size_t fields = 10 + 1 + 10;  // "MM-DD-YYYY", ".", "HHMMSS.mmm"
+        const size_t length = strlen(name);
+        if (length != prefix_.size() + fields + suffix_.size() ||
+            prefix_.compare(0, prefix_.size(), name, prefix_.size()) != 0 ||
+            suffix_.compare(name + length - suffix_.size()) != 0)
+            return false;
+        const char* f = name + prefix_.size();
+        if (f[2] != '-' || f[5] != '-' || f[10] != '.' || f[17] != '.') return false;
+        named = {Digits(f + 6, 4),  Digits(f, 2),      Digits(f + 3, 2), Digits(f + 11, 2),
+                 Digits(f + 13, 2), Digits(f + 15, 2), Digits(f + 18, 3)};
+        const auto& [y, mo, d, h, mi, s, ms] = named;
+        return y >= 0 && mo >= 0 && d >= 0 && h >= 0 && mi >= 0 && s >= 0 && ms >= 0;
+    }
+
+private:
+    std::string prefix_;  // "serverLog.<module>."
+    std::string suffix_;  // ".txt"
+};
 
 // The module's files in `dir`, oldest first; false (errno set) when the directory can't be read. Files
 // that vanish while they are listed are left out.
-bool ListFiles(const std::string& dir, const std::string& module, std::vector<LogFile>& files) {
+bool ListFiles(const std::string& dir, const ModuleNames& names, std::vector<LogFile>& files) {
     files.clear();
     DIR* stream = opendir(dir.c_str());
     if (!stream) return false;
     errno = 0;
+    LogFile file;
     while (struct dirent* entry = readdir(stream)) {
-        LogFile file;
-        file.name = entry->d_name;
-        if (ModuleFile(file.name, module, file.named) &&
-            stat((dir + "/" + file.name).c_str(), &file.st) == 0 && S_ISREG(file.st.st_mode))
-            files.push_back(std::move(file));
+        if (names.Match(entry->d_name, file.named) &&
+            stat((dir + "/" + entry->d_name).c_str(), &file.st) == 0 && S_ISREG(file.st.st_mode)) {
+            file.name = entry->d_name;
+            files.push_back(file);
+        }
         errno = 0;
     }
     int error = errno;
@@ -131,7 +144,7 @@ int FindDir(const FilesArgs& args, std::string& dir) {
 int OpenDir(const FilesArgs& args, std::string& dir, std::vector<LogFile>& files) {
     int status = FindDir(args, dir);
     if (status != kOk) return status;
-    if (!ListFiles(dir, args.module, files)) {
+    if (!ListFiles(dir, ModuleNames(args.module), files)) {
         int error = errno;
         Error("log: %s: %s", dir.c_str(), strerror(error));
         return error == ENOENT || error == ENOTDIR ? kMissing : kFailure;
@@ -252,10 +265,10 @@ FileIds IdsOf(const std::vector<LogFile>& files) {
 
 // Opens the files that came since the last look, at once, before the logger can delete them; oldest first.
 // `seen` becomes the files there now: only those can be met again.
-std::vector<Following> OpenNew(const std::string& dir, const std::string& module, FileIds& seen) {
+std::vector<Following> OpenNew(const std::string& dir, const ModuleNames& names, FileIds& seen) {
     std::vector<LogFile> files;
     std::vector<Following> fresh;
-    if (!ListFiles(dir, module, files)) return fresh;  // gone for now; the open files are still read
+    if (!ListFiles(dir, names, files)) return fresh;  // gone for now; the open files are still read
     FileIds present = IdsOf(files);
     for (LogFile& file : files) {
         if (seen.count(std::make_tuple(file.name, file.st.st_dev, file.st.st_ino))) continue;
@@ -273,7 +286,7 @@ void PrintTail(const std::string& dir, const std::vector<LogFile>& files, Reader
                int want) {
     int found = 0;
     off_t start = newest.TailStart(end, want, found);
-    std::vector<std::pair<std::unique_ptr<Reader>, off_t>> older;
+    std::vector<std::unique_ptr<Reader>> older;  // newest first
     for (size_t i = files.size() - 1; i-- > 0 && found < want;) {
         int fd = open((dir + "/" + files[i].name).c_str(), O_RDONLY | O_CLOEXEC);
         struct stat st;
@@ -287,9 +300,9 @@ void PrintTail(const std::string& dir, const std::vector<LogFile>& files, Reader
         off_t from = reader->TailStart(st.st_size, want - found, more);
         found += more;
         reader->Skip(from);
-        older.emplace_back(std::move(reader), from);
+        older.push_back(std::move(reader));
     }
-    for (auto it = older.rbegin(); it != older.rend(); ++it) it->first->Drain(true);
+    for (auto it = older.rbegin(); it != older.rend(); ++it) (*it)->Drain(true);
     newest.Skip(start);
     newest.Drain(false);
 }
@@ -304,6 +317,7 @@ int Follow(const FilesArgs& args) {
     std::vector<LogFile> files;
     int status = OpenDir(args, dir, files);
     if (status != kOk) return status;
+    const ModuleNames names(args.module);
     FileIds seen = IdsOf(files);
     Following current;
     if (!files.empty()) {
@@ -323,7 +337,7 @@ int Follow(const FilesArgs& args) {
     for (bool last = false; !last;) {
         // The watched process has ended: one more look, and every file is done.
         last = args.pid > 0 && Ended(args.pid);
-        std::vector<Following> fresh = OpenNew(dir, args.module, seen);
+        std::vector<Following> fresh = OpenNew(dir, names, seen);
         // A file is done once the logger has made a newer one: it writes no line to it after that.
         if (current.reader && !current.reader->Drain(last || !fresh.empty())) {
             Error("log follow: %s/%s: %s", dir.c_str(), current.file.name.c_str(), strerror(errno));

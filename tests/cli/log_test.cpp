@@ -161,12 +161,14 @@ std::vector<std::string> Messages(const std::string& out) {
     return messages;
 }
 
-// A process logs bursts of lines that rotate the file once or twice each, with two files kept, so that the
-// file being followed is deleted and a poll can find two new files. The follower prints every line once and
-// in order, and ends after the process has ended. --lines then reaches back across files.
+// A process logs bursts of lines that rotate the file twice each, with two files kept, so that the file
+// being followed is deleted and a poll finds two new files. The follower prints every line once and in
+// order, and ends after the process has ended. --lines then reaches back across files.
 TEST_F(CliLog, FollowSeesEveryLineOnceAcrossRotations) {
-    const int bursts = 6, perBurst = 5, lines = bursts * perBurst;
-    // Lines of 38 bytes, a new file after every third.
+    // Lines of 38 bytes, a new file after every third. A burst ends a line before a rotation, so that the
+    // file after it is made only once the follower has caught up: only a file that the logger makes and
+    // deletes between two looks of the follower would be missed.
+    const int first = 5, perBurst = 6, bursts = 5, lines = first + (bursts - 1) * perBurst;
     msptest::WriteFile(config_,
                        "[srv]\r\nlogMode=1\r\nlogVerbosity=0\r\nlogFilesCount=2\r\nlogFileSize=114\r\n"
                        "logFilePath=\"" +
@@ -181,7 +183,8 @@ TEST_F(CliLog, FollowSeesEveryLineOnceAcrossRotations) {
     const pid_t logger = msptest::StartChild([&] {
         if (initializeLogger(const_cast<char*>(config_.c_str()), const_cast<char*>("srv")) != 1) return 1;
         for (int i = 0; i < lines;) {
-            for (int end = i + perBurst; i < end; ++i) eventLogOut("%s", message(i).c_str());
+            for (int end = i + (i == 0 ? first : perBurst); i < end; ++i)
+                eventLogOut("%s", message(i).c_str());
             // The next burst waits for the follower to have printed this one.
             const std::string last = message(i - 1);
             for (int wait = 0; msptest::ReadFile(out).find(last) == std::string::npos; ++wait) {
@@ -201,11 +204,11 @@ TEST_F(CliLog, FollowSeesEveryLineOnceAcrossRotations) {
     for (int i = 0; i < lines; ++i) expected.push_back(message(i));
     EXPECT_EQ(Messages(msptest::ReadFile(out)), expected);
     EXPECT_EQ(LogFiles(logs_), 2u);
-    // The newest file is empty (the last line ended a file); the two lines before it are in the other.
+    // The newest file holds the last two lines, the other the three before them.
     const msptest::MsplatResult r = Msplat({"log", "follow", "--config", config_, "--module", "srv",
-                                            "--lines", "2", "--pid", std::to_string(logger)});
+                                            "--lines", "4", "--pid", std::to_string(logger)});
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(Messages(r.out), (std::vector<std::string>{message(lines - 2), message(lines - 1)}));
+    EXPECT_EQ(Messages(r.out), std::vector<std::string>(expected.end() - 4, expected.end()));
 }
 
 }  // namespace

@@ -391,7 +391,9 @@ void AddLogFileCommands(CLI::App* log, int& status) {
     follow->footer(
         "Follows the module's newest file and moves on to each new file that the logger starts, without\n"
         "losing or repeating a line, also when the logger deletes the file being read. Lines print whole,\n"
-        "once their line end is written. It runs until interrupted, or with --pid until that process ends.");
+        "once their line end is written. It runs until interrupted, or with --pid until that process ends.\n"
+        "It looks ten times a second: only a file that the logger both starts and deletes between two\n"
+        "looks (logFilesCount rotations within a tenth of a second) can't be read.");
     follow->callback([&status, args] { status = Follow(*args); });
 }
 

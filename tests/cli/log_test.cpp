@@ -211,4 +211,27 @@ TEST_F(CliLog, FollowSeesEveryLineOnceAcrossRotations) {
     EXPECT_EQ(Messages(r.out), std::vector<std::string>(expected.end() - 4, expected.end()));
 }
 
+// A line still being written is printed once it is whole.
+TEST_F(CliLog, FollowPrintsWholeLines) {
+    ASSERT_EQ(mkdir(logs_.c_str(), 0700), 0);
+    const std::string file = logs_ + "/serverLog.srv.01-01-2027.000000.000.txt", out = dir_.file("out");
+    msptest::WriteFile(file, "x1\npart");
+    const pid_t writer = msptest::StartChild([&] {
+        for (int wait = 0; msptest::ReadFile(out) != "x1\n"; ++wait) {
+            if (wait == 6000) return 1;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // a few looks at the part
+        FILE* stream = fopen(file.c_str(), "a");
+        return stream && fputs("ial\nx2\n", stream) >= 0 && fclose(stream) == 0 ? 0 : 2;
+    });
+    msptest::WriteFile(dir_.file("in"), "");
+    const pid_t follower = msptest::StartMsplat(
+        {"log", "follow", "--dir", logs_, "--module", "srv", "--lines", "9", "--pid", std::to_string(writer)},
+        dir_.file("in"), out, dir_.file("err"));
+    EXPECT_EQ(msptest::WaitChild(writer, 120000), 0);
+    EXPECT_EQ(msptest::WaitChild(follower, 60000), 0);
+    EXPECT_EQ(msptest::ReadFile(out), "x1\npartial\nx2\n");
+}
+
 }  // namespace

@@ -18,8 +18,6 @@
 namespace msplat {
 namespace {
 
-constexpr size_t kMaxPath = 260;  // what the store keeps of a path
-
 struct ConfigArgs {
     std::string file = "MediaServer.cfg";
     std::string section;
@@ -28,14 +26,6 @@ struct ConfigArgs {
     bool asInt = false;
     bool asString = false;
 };
-
-char* C(const std::string& text) {
-    return const_cast<char*>(text.c_str());
-}
-
-unsigned char* U(const std::string& text) {
-    return reinterpret_cast<unsigned char*>(const_cast<char*>(text.c_str()));
-}
 
 // The tool refuses to write what the store could not read back as written: a line end inside a name or
 // value starts a new line of the file (a value could even start a section), and an "=" in a key name makes
@@ -57,14 +47,6 @@ bool CheckWritable(const ConfigArgs& args, bool withValue) {
     return true;
 }
 
-bool CheckPath(const std::string& path) {
-    if (path.empty() || path.size() > kMaxPath) {
-        Error("%s: the path must have 1 to %zu bytes", path.c_str(), kMaxPath);
-        return false;
-    }
-    return true;
-}
-
 void ReportKey(const ConfigArgs& args, int result) {
     if (result == CFG_SECTION_NOT_FOUND)
         Error("%s: [%s]: %s", args.file.c_str(), args.section.c_str(), CfgResultText(result));
@@ -80,7 +62,7 @@ class Snapshot {
 public:
     // kOk with the file read, or the exit status after a message.
     int Load(const std::string& path) {
-        if (!CheckPath(path)) return kFailure;
+        if (!CheckCfgPath(path)) return kFailure;
         int status = CheckRegularFile(path);
         if (status != kOk) return status;
         int result = manager_.initialize(path.c_str());
@@ -137,9 +119,9 @@ Snapshot& TheSnapshot() {
 
 void PrintValue(const keyInfo& key) {
     if (key.type == dtypeInt)
-        printf("%d", key.intValue);
+        Printf("%d", key.intValue);
     else
-        fputs(reinterpret_cast<const char*>(key.stringValue), stdout);
+        fputs(reinterpret_cast<const char*>(key.stringValue), Out());
 }
 
 // Finds a key in a fresh read; kOk with *found set, or the exit status after a message.
@@ -167,7 +149,7 @@ int Get(const ConfigArgs& args) {
     int status = FindKey(args, key);
     if (status != kOk) return status;
     PrintValue(*key);
-    putchar('\n');
+    Putc('\n');
     return kOk;
 }
 
@@ -175,7 +157,7 @@ int Type(const ConfigArgs& args) {
     keyInfo* key = nullptr;
     int status = FindKey(args, key);
     if (status != kOk) return status;
-    puts(key->type == dtypeInt ? "int" : "string");
+    Puts(key->type == dtypeInt ? "int" : "string");
     return kOk;
 }
 
@@ -186,12 +168,12 @@ int Dump(const ConfigArgs& args) {
     bool firstOut = true;
     for (Section* section = snapshot.First(); section; section = section->next) {
         if (!section->name || !section->firstKey) continue;  // a nameless "[]" holds no key
-        printf("%s[%s]\n", firstOut ? "" : "\n", section->name);
+        Printf("%s[%s]\n", firstOut ? "" : "\n", section->name);
         firstOut = false;
         for (keyInfo* key = section->firstKey; key != section->lastKey; key = key->next) {
-            printf(key->type == dtypeInt ? "%s=" : "%s=\"", key->name);
+            Printf(key->type == dtypeInt ? "%s=" : "%s=\"", key->name);
             PrintValue(*key);
-            puts(key->type == dtypeInt ? "" : "\"");
+            Puts(key->type == dtypeInt ? "" : "\"");
         }
     }
     return kOk;
@@ -199,7 +181,7 @@ int Dump(const ConfigArgs& args) {
 
 // The writes go through the flat functions, each of which is one locked read, change and write.
 int OpenStore(const std::string& path) {
-    if (!CheckPath(path)) return kFailure;
+    if (!CheckCfgPath(path)) return kFailure;
     int result = initializeConfig(path.c_str());
     if (result != CFG_OK) {
         Error("%s: %s", path.c_str(), CfgResultText(result));
@@ -312,6 +294,8 @@ void AddConfigCommands(CLI::App& app, int& status) {
     CLI::App* dump = config->add_subcommand("dump", "Print the sections and keys as the store reads them");
     dump->fallthrough();
     dump->callback([&status, args] { status = Dump(*args); });
+
+    AddConfigChangeCommands(config, std::shared_ptr<std::string>(args, &args->file), status);
 }
 
 }  // namespace msplat

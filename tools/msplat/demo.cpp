@@ -88,8 +88,8 @@ void PrintFile(const std::string& path) {
     bool lineStart = true;
     for (int c; (c = fgetc(stream)) != EOF;) {
         if (c == '\r') continue;  // the store's CR LF endings
-        if (lineStart && c != '\n') fputs("     ", stdout);
-        putchar(c);
+        if (lineStart && c != '\n') fputs("     ", Out());
+        Putc(c);
         lineStart = c == '\n';
     }
     fclose(stream);
@@ -100,7 +100,7 @@ int Demo() {
     if (dir.empty()) return kFailure;
     const std::string config = dir + "/MediaServer.cfg";
     const std::string logs = dir + "/logs";
-    printf("msplat demo: a server's start-up on the shipped tables, in %s\n\n", dir.c_str());
+    Printf("msplat demo: a server's start-up on the shipped tables, in %s\n\n", dir.c_str());
 
     // The format map reads MediaFormats.xml from the working directory, as the servers do.
     const std::string formats = WriteShipped("MediaFormats.xml", dir);
@@ -111,7 +111,7 @@ int Demo() {
         return kFailure;
     }
 
-    printf("1. Configuration: %s\n", config.c_str());
+    Printf("1. Configuration: %s\n", config.c_str());
     int result = initializeConfig(config.c_str());
     if (result != CFG_OK) {
         Error("demo: %s: %s", config.c_str(), CfgResultText(result));
@@ -126,20 +126,20 @@ int Demo() {
     if (!made) return kFailure;
     // The helper finds the store open already and uses it.
     if (setServerNameFromComputerName() != 0) return kFailure;
-    printf(
+    Printf(
         "   created [%s] (the logger's settings), [LANGUAGE], [MCM]; [upnp] serverName from the host: %s\n",
         kModule, ReadString("upnp", "serverName").c_str());
 
-    printf("\n2. Logger for the module \"%s\"\n", kModule);
+    Printf("\n2. Logger for the module \"%s\"\n", kModule);
     if (initializeLogger(C(config.c_str()), C(kModule)) != 1) {
         Error("demo: the logger did not start");
         return kFailure;
     }
     const std::string logFile = CurrentLogFile();
-    printf("   writing to %s\n", logFile.c_str());
+    Printf("   writing to %s\n", logFile.c_str());
     eventLogOut("%s: started, configuration %s", kModule, config.c_str());
 
-    printf("\n3. Media formats: %s\n", formats.c_str());
+    Printf("\n3. Media formats: %s\n", formats.c_str());
     if (MF_Initialize() != 1) {
         Error("demo: %s: the table could not be loaded", formats.c_str());
         return kFailure;
@@ -150,7 +150,7 @@ int Demo() {
     size_t shown = std::string::npos;
     for (size_t at = 0; (at = plugins.find(',', at)) != std::string::npos; ++at)
         if (++count == 5) shown = at;
-    printf("   %d parser plug-ins: %s%s\n", count, plugins.substr(0, shown).c_str(),
+    Printf("   %d parser plug-ins: %s%s\n", count, plugins.substr(0, shown).c_str(),
            shown == std::string::npos ? "" : ",...");
     for (const char* file : {"Holiday.MP3", "concert.mkv", "beach.jpg", "notes.txt"}) {
         const char* dot = strrchr(file, '.');
@@ -159,43 +159,43 @@ int Demo() {
         char type = 0;
         const char* parser = MF_GetParserNameByExtension(extension, &type);
         if (!name) {
-            printf("   %-12s no format\n", file);
+            Printf("   %-12s no format\n", file);
             eventLogOut("%s: %s: no format", kModule, file);
             continue;
         }
         const char* mime = MF_GetMimeTypeByExtension(extension);
         const char* profile = MF_GetDLNAProfileByExtension(extension);
-        printf("   %-12s %-24s %-16s %-14s %s\n", file, name, mime ? mime : "-", profile ? profile : "-",
+        Printf("   %-12s %-24s %-16s %-14s %s\n", file, name, mime ? mime : "-", profile ? profile : "-",
                parser ? parser : "-");
         eventLogOut("%s: %s is %s (%s), parser %s", kModule, file, name, mime ? mime : "-",
                     parser ? parser : "-");
     }
 
-    printf("\n4. Language file: %s\n", languages.c_str());
+    Printf("\n4. Language file: %s\n", languages.c_str());
     if (initializeLanguageReader(C(config.c_str())) != 1) {
         Error("\ndemo: %s: the language file could not be loaded", languages.c_str());
         return kFailure;
     }
-    printf("   languages: %s; current: English\n", getSupportedLanguages());
+    Printf("   languages: %s; current: English\n", getSupportedLanguages());
     for (const char* id : {"Music", "RecentlyAdded", "NoSuchTerm"}) {
         const char* text = Tx("(fallback)", id);
-        printf("   Tx(%s) = %s\n", id, text);
+        Printf("   Tx(%s) = %s\n", id, text);
         eventLogOut("%s: Tx(%s) = %s", kModule, id, text);
     }
 
-    printf("\n5. Identifiers\n");
+    Printf("\n5. Identifiers\n");
     const std::string id = NewUuid();
     const std::string digest = FileMd5(config);
-    printf("   uuid: %s\n   md5 of MediaServer.cfg: %s\n", id.c_str(), digest.c_str());
+    Printf("   uuid: %s\n   md5 of MediaServer.cfg: %s\n", id.c_str(), digest.c_str());
     eventLogOut("%s: session %s, configuration md5 %s", kModule, id.c_str(), digest.c_str());
     eventLogOut("%s: done", kModule);
 
-    printf("\n6. The files\n   %s:\n", config.c_str());
+    Printf("\n6. The files\n   %s:\n", config.c_str());
     PrintFile(config);
-    printf("   %s:\n", logFile.c_str());
+    Printf("   %s:\n", logFile.c_str());
     PrintFile(logFile);
-    printf("   Tables: %s, %s\n", formats.c_str(), languages.c_str());
-    printf("\nThe directory stays for a look; remove it with: rm -r %s\n", dir.c_str());
+    Printf("   Tables: %s, %s\n", formats.c_str(), languages.c_str());
+    Printf("\nThe directory stays for a look; remove it with: rm -r %s\n", dir.c_str());
     return kOk;
 }
 

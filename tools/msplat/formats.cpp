@@ -74,7 +74,7 @@ const char* MediaTypeName(char type) {
 }
 
 void PrintField(const char* name, const char* value) {
-    printf("%-13s %s\n", name, value ? value : "-");
+    Printf("%-13s %s\n", name, value ? value : "-");
 }
 
 int Extension(const FormatsArgs& args) {
@@ -108,7 +108,7 @@ int Extensions(const FormatsArgs& args, bool byPlugin) {
               byPlugin ? "parser plug-in" : "MIME type", key);
         return kMissing;
     }
-    puts(list);
+    Puts(list);
     return kOk;
 }
 
@@ -124,7 +124,7 @@ int Plugins(const FormatsArgs& args) {
     for (const char* name = plugins;;) {
         const char* comma = strchr(name, ',');
         size_t length = comma ? static_cast<size_t>(comma - name) : strlen(name);
-        printf("%.*s\n", static_cast<int>(length), name);
+        Printf("%.*s\n", static_cast<int>(length), name);
         if (!comma) break;
         name = comma + 1;
     }

@@ -24,7 +24,7 @@ int Uuids(int count) {
         uuid_t id;
         uuid_create(&id);
         // The fields are numbers in the host's order; the text form prints them as numbers.
-        printf("%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x\n", static_cast<unsigned>(id.time_low),
+        Printf("%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x\n", static_cast<unsigned>(id.time_low),
                static_cast<unsigned>(id.time_mid), static_cast<unsigned>(id.time_hi_and_version),
                id.clock_seq_hi_and_reserved, id.clock_seq_low, id.node[0], id.node[1], id.node[2], id.node[3],
                id.node[4], id.node[5]);
@@ -52,22 +52,22 @@ bool Digest(int fd, unsigned char digest[16]) {
 // is escaped, and the line then starts with a backslash.
 void PrintLine(const unsigned char digest[16], const std::string& name) {
     bool escape = name.find_first_of("\\\n\r") != std::string::npos;
-    if (escape) putchar('\\');
-    for (int i = 0; i < 16; ++i) printf("%02x", digest[i]);
-    fputs("  ", stdout);
+    if (escape) Putc('\\');
+    for (int i = 0; i < 16; ++i) Printf("%02x", digest[i]);
+    fputs("  ", Out());
     for (char c : name) {
         if (!escape)
-            putchar(c);
+            Putc(c);
         else if (c == '\\')
-            fputs("\\\\", stdout);
+            fputs("\\\\", Out());
         else if (c == '\n')
-            fputs("\\n", stdout);
+            fputs("\\n", Out());
         else if (c == '\r')
-            fputs("\\r", stdout);
+            fputs("\\r", Out());
         else
-            putchar(c);
+            Putc(c);
     }
-    putchar('\n');
+    Putc('\n');
 }
 
 int Md5(const std::vector<std::string>& files) {

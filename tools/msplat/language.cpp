@@ -91,7 +91,7 @@ int Translate(const LanguageArgs& args, bool hasFallback) {
         Error("tx: %s: no text in %s", args.id.c_str(), languageReader.currentLanguage);
         return kMissing;
     }
-    puts(text);
+    Puts(text);
     return kOk;
 }
 
@@ -102,7 +102,7 @@ int Languages(const LanguageArgs& args) {
     for (const char* name = getSupportedLanguages(); *name;) {
         const char* bar = strchr(name, '|');
         size_t length = bar ? static_cast<size_t>(bar - name) : strlen(name);
-        printf("%.*s\n", static_cast<int>(length), name);
+        Printf("%.*s\n", static_cast<int>(length), name);
         name += length + (bar ? 1 : 0);
     }
     return kOk;

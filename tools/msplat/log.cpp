@@ -25,10 +25,6 @@ struct LogArgs {
     std::vector<std::string> words;
 };
 
-char* C(const std::string& text) {
-    return const_cast<char*>(text.c_str());
-}
-
 // The logger says only that it could not start; the store tells which of its settings is missing.
 int WhyNotStarted(const LogArgs& args) {
     if (initializeConfig(args.config.c_str()) != CFG_OK) return kFailure;
@@ -109,7 +105,7 @@ int Log(const LogArgs& args) {
     }
     eventLogOut("%s", message.c_str());
     std::string written = CurrentLogFile();
-    if (!written.empty()) puts(written.c_str());
+    if (!written.empty()) Puts(written.c_str());
     return kOk;
 }
 
@@ -117,16 +113,28 @@ int Log(const LogArgs& args) {
 
 void AddLogCommands(CLI::App& app, int& status) {
     auto args = std::make_shared<LogArgs>();
-    CLI::App* log = app.add_subcommand("log", "Write one line through the event logger");
-    log->add_option("--config", args->config, "Configuration file")->required();
-    log->add_option("--module", args->module, "The module's section, which also names the log files")
-        ->required();
-    log->add_option("MESSAGE", args->words, "The line; several words are joined by blanks")->required();
+    CLI::App* log =
+        app.add_subcommand("log", "Write one line through the event logger; list and follow the log");
+    log->require_subcommand(0, 1);
+    // Required only when no subcommand runs: checked in the callback.
+    log->add_option("--config", args->config, "Configuration file");
+    log->add_option("--module", args->module, "The module's section, which also names the log files");
+    log->add_option("MESSAGE", args->words, "The line; several words are joined by blanks");
     log->footer(
-        "The section holds logMode, logVerbosity, logFilesCount, logFileSize and logFilePath. Each start\n"
-        "of the logger opens a new file serverLog.<module>.<date>.<time>.txt in logFilePath and deletes\n"
-        "the oldest beyond logFilesCount; msplat prints the path of the file it wrote to.");
-    log->callback([&status, args] { status = Log(*args); });
+        "msplat log --config PATH --module SECTION MESSAGE... writes one line. The section holds logMode,\n"
+        "logVerbosity, logFilesCount, logFileSize and logFilePath. Each start of the logger opens a new\n"
+        "file serverLog.<module>.<date>.<time>.txt in logFilePath and deletes the oldest beyond\n"
+        "logFilesCount; msplat prints the path of the file it wrote to. A message that is the one word\n"
+        "\"list\" or \"follow\" goes behind --.");
+    AddLogFileCommands(log, status);
+    log->callback([&status, args, log] {
+        if (!log->get_subcommands().empty()) return;
+        for (auto [given, what] :
+             {std::pair(!args->config.empty(), "--config"), std::pair(!args->module.empty(), "--module"),
+              std::pair(!args->words.empty(), "MESSAGE")})
+            if (!given) throw CLI::RequiredError(what);
+        status = Log(*args);
+    });
 }
 
 }  // namespace msplat

@@ -28,26 +28,26 @@ constexpr size_t kMaxWalkPath = 1023;  // bytes of UTF-8 that the walker takes
 void PrintName(const unsigned char* name) {
     for (; *name; ++name) {
         if (*name == '\\')
-            fputs("\\\\", stdout);
+            fputs("\\\\", Out());
         else if (*name < 0x20 || *name == 0x7f)
-            printf("\\x%02x", *name);
+            Printf("\\x%02x", *name);
         else
-            putchar(*name);
+            Putc(*name);
     }
-    putchar('\n');
+    Putc('\n');
 }
 
 void PrintEntry(const FileFindData& data) {
     unsigned char name[3 * 256 + 1];  // three bytes per unit at most
     Convert_UCS_UTF8(data.fileName, name);
     if (data.isDirectory) {
-        printf("d %10s %-20s ", "-", "-");
+        Printf("d %10s %-20s ", "-", "-");
     } else {
         char stamp[32] = "-";
         time_t modified = static_cast<time_t>(data.modifiedTime);
         struct tm tm;
         if (gmtime_r(&modified, &tm)) strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &tm);
-        printf("f %10lu %-20s ", static_cast<unsigned long>(data.fileSize), stamp);
+        Printf("f %10lu %-20s ", static_cast<unsigned long>(data.fileSize), stamp);
     }
     PrintName(name);
 }
@@ -98,23 +98,6 @@ int OpenStoreFor(const std::string& file) {
     return kOk;
 }
 
-// Reads a string key through the flat functions; kOk with *value, or the status after a message.
-int ReadString(const std::string& file, const char* section, const char* key, std::string& value) {
-    int length = 0;
-    int result = getConfigStringLen(const_cast<char*>(section), const_cast<char*>(key), length);
-    if (result == CFG_OK) {
-        std::vector<unsigned char> buffer(static_cast<size_t>(length) + 1);
-        result = getConfigString(const_cast<char*>(section), const_cast<char*>(key), buffer.data(), length);
-        buffer[static_cast<size_t>(length)] = 0;
-        value = reinterpret_cast<const char*>(buffer.data());
-    }
-    if (result != CFG_OK) {
-        Error("%s: [%s] %s: %s", file.c_str(), section, key, CfgResultText(result));
-        return CfgResultStatus(result);
-    }
-    return kOk;
-}
-
 int ServerName(const std::string& file) {
     int status = OpenStoreFor(file);
     if (status != kOk) return status;
@@ -124,8 +107,8 @@ int ServerName(const std::string& file) {
         return kFailure;
     }
     std::string name;
-    status = ReadString(shown, "upnp", "serverName", name);
-    if (status == kOk) puts(name.c_str());
+    status = ReadConfigString(shown, "upnp", "serverName", name);
+    if (status == kOk) Puts(name.c_str());
     return status;
 }
 
@@ -137,14 +120,14 @@ int ScanPaths(const std::string& file) {
     if (status != kOk) return status;
     unsigned char* paths = nullptr;
     if (getConfigScanPaths(&paths) == 0) {
-        puts(reinterpret_cast<const char*>(paths));
+        Puts(reinterpret_cast<const char*>(paths));
         free(paths);
         return kOk;
     }
     free(paths);  // a failed copy may have left a buffer
     // The helper tells only that it failed; a second look tells why.
     std::string value;
-    status = ReadString(shown, "MCM", "scanPaths", value);
+    status = ReadConfigString(shown, "MCM", "scanPaths", value);
     return status == kOk ? kFailure : status;
 }
 

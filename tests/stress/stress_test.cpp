@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -299,9 +300,9 @@ int Tid() {
     return static_cast<int>(::syscall(SYS_gettid));
 }
 
-// Takes lock n through `m` and marks this thread inside. Finding another thread inside is an overlap, unless
+// Takes `lock` through `m` and marks this thread inside. Finding another thread inside is an overlap, unless
 // it is a peer that was killed while holding. A wait through the death of a holder or maker of the lock
-// counts from the death. Returns how long it waited after the last death, if it came after it.
+// counts from the death. Returns how long the lock was waited for after its last death.
 int Enter(LockBoard& lock, Mutex& m) {
     const long long start = NowMs();
     m.lock();
@@ -318,7 +319,7 @@ int Enter(LockBoard& lock, Mutex& m) {
                                       __ATOMIC_SEQ_CST);) {
     }
     Add(lock.holds);
-    return died <= end ? waited : 0;
+    return died > 0 && died <= end ? waited : 0;
 }
 
 void Leave(LockBoard& lock, Mutex& m) {
@@ -476,26 +477,38 @@ pid_t StartPeer(const msptest::TempDir& dir, const std::string& role, int seq) {
 // Objects of the locks whose sets were there before the churn and stay after it.
 Mutex* keptLocks[4];
 
-// Every log line whole; returns how many there were.
-size_t CheckLogLines(const std::string& logs) {
-    const std::regex whole(
-        std::string(R"(\d\d-\d\d-\d{4} : \d\d:\d\d:\d\d\.\d{3}\t : (L\d\.\d|P\d+) line \d+ )") +
-        kChurnPayload);
-    size_t lines = 0;
-    DIR* d = ::opendir(logs.c_str());
-    if (!d) return 0;
-    while (const dirent64* e = ::readdir64(d)) {
-        const std::string name = e->d_name;
-        if (name.rfind("serverLog.", 0) != 0) continue;
-        const std::string content = msptest::ReadFile(logs + "/" + name);
-        EXPECT_TRUE(content.empty() || content.back() == '\n') << name << " ends inside a line";
-        for (size_t at = 0, end; (end = content.find('\n', at)) != std::string::npos; at = end + 1, ++lines)
-            EXPECT_TRUE(std::regex_match(content.substr(at, end - at), whole))
-                << name << ": " << content.substr(at, end - at);
+// Reads the log files while the processes write and rotate them: every line whole, each looked at once,
+// before rotation deletes it if the reader is quick enough.
+class LogLines {
+public:
+    explicit LogLines(std::string logs) : logs_(std::move(logs)) {}
+    // Checks the lines ended since the last look; at the end, every file must end with a whole line.
+    void Check(bool atEnd) {
+        DIR* d = ::opendir(logs_.c_str());
+        while (const dirent64* e = d ? ::readdir64(d) : nullptr) {
+            const std::string name = e->d_name;
+            if (name.rfind("serverLog.", 0) != 0) continue;
+            const std::string content = msptest::ReadFile(logs_ + "/" + name);
+            if (atEnd) {
+                EXPECT_TRUE(content.empty() || content.back() == '\n') << name << " ends inside a line";
+            }
+            size_t& at = checked_[name];
+            for (size_t end; (end = content.find('\n', at)) != std::string::npos; at = end + 1, ++lines_)
+                EXPECT_TRUE(std::regex_match(content.substr(at, end - at), whole_))
+                    << name << ": " << content.substr(at, end - at);
+        }
+        if (d) ::closedir(d);
     }
-    ::closedir(d);
-    return lines;
-}
+    size_t lines() const { return lines_; }
+
+private:
+    const std::string logs_;
+    const std::regex whole_{
+        std::string(R"(\d\d-\d\d-\d{4} : \d\d:\d\d:\d\d\.\d{3}\t : (L\d\.\d|P\d+) line \d+ )") +
+        kChurnPayload};
+    std::map<std::string, size_t> checked_;  // bytes of each file looked at
+    size_t lines_ = 0;
+};
 
 TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
     const int rounds = Scaled(20, 50);
@@ -515,6 +528,7 @@ TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
         ASSERT_EQ(CFG_OK, createConfigInt(C("churn-peers"), C("P" + std::to_string(k)), -1));
     deinitializeConfig();
 
+    LogLines log(dir.file("logs"));
     const long long start = NowMs();
     std::vector<pid_t> longLived;
     for (int p = 0; p < kLongLived; ++p)
@@ -538,6 +552,7 @@ TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
             afterDeath[lock] = std::max(afterDeath[lock], Enter(board->locks[lock], *mine[lock]));
             Leave(board->locks[lock], *mine[lock]);
         }
+        log.Check(false);
         ++killed[kind];
     }
     Put(board->stop, 1);
@@ -561,7 +576,7 @@ TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
         EXPECT_EQ(last, value) << k;
     }
     deinitializeConfig();
-    const size_t lines = CheckLogLines(dir.file("logs"));
+    log.Check(true);
     EXPECT_EQ(0, board->failures);
     for (int n = 0; n < 4; ++n) {
         const LockBoard& lock = board->locks[n];
@@ -578,7 +593,7 @@ TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
         "left unfreed),\n  %d long-lived x %d threads, %d operations, %d log lines (%zu checked, the rest "
         "rotated away), %d keys checked\n",
         rounds, took, peers, killed[1], killed[0], board->unfreedMade, kLongLived, kLongLivedThreads,
-        board->operations, board->lines, lines, keys);
+        board->operations, board->lines, log.lines(), keys);
 
     // Nothing left held or never freed, and no set that was not there before: the library's own two locks
     // follow their names again here, so that this process removes them at exit, as it would have.

@@ -22,8 +22,8 @@ public:
     // Attaches to the semaphore of `name`, or creates it free.
     explicit Mutex(const char* name);
     // Removes the semaphore from the system when the id is above 0, after taking it, so that nobody is inside
-    // when its waiters move on. It waits at most half a second for a holder in another process, and leaves
-    // the semaphore in place if that holder keeps it.
+    // when its waiters move on. A holder in another process is waited for at most half a second and then
+    // keeps the semaphore, which stays; one that this process still holds then is removed all the same.
     ~Mutex();
 
     Mutex(const Mutex&) = delete;

@@ -1,11 +1,14 @@
 #include "msplatform/mutex.h"
 
+#include <sched.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -83,6 +86,20 @@ TEST(Mutex, UnnamedAndEmptyNamedLocksArePrivateAndFree) {
     EXPECT_EQ(4u, (std::set<int>{a.getid(), b.getid(), c.getid(), d.getid()}).size());
 }
 
+// On a fresh system the first set gets the id 0, which counts as none: the create spends it and makes
+// another, instead of leaving every process of the machine inert.
+TEST(Mutex, FirstIdOfAFreshSystemIsSpent) {
+    const int rc = msptest::RunChild(
+        [] {
+            if (::unshare(CLONE_NEWIPC) != 0) return 77;
+            Mutex m("mspcfg.mutex.fresh");
+            return m.getid() > 0 && Value(m.getid()) == 1 ? 0 : 1;
+        },
+        kChildMs);
+    if (rc == 77) GTEST_SKIP() << "needs a new IPC namespace";
+    EXPECT_EQ(0, rc);
+}
+
 void IgnoreSignal(int) {}
 
 // A waiter goes on neither at a signal nor before the holder is gone; a holder killed with SIGKILL lets it
@@ -124,31 +141,124 @@ TEST(Mutex, WaiterPassesNeitherAtASignalNorBeforeTheKilledHoldersEnd) {
     EXPECT_EQ(1, Value(m.getid()));
 }
 
-TEST(Mutex, DestructorRemovesTheSetForEveryProcess) {
-    std::string name = TestName("remove");
+// Runs `body` in a thread and tells when it has returned.
+class Background {
+public:
+    explicit Background(std::function<void()> body)
+        : thread_([this, body] {
+              body();
+              done_ = true;
+          }) {}
+    ~Background() { thread_.join(); }
+    // True once the body returned within `ms`.
+    bool Within(int ms) const {
+        for (auto end = Clock::now() + std::chrono::milliseconds(ms); !done_ && Clock::now() < end;)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return done_;
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    std::atomic<bool> done_{false};
+    std::thread thread_;
+};
+
+// A critical section that counts the holders it finds inside.
+struct Section {
+    std::atomic<int> inside{0}, overlaps{0};
+    void Pass(Mutex& m) {
+        m.lock();
+        overlaps += inside.exchange(1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        inside = 0;
+        m.unlock();
+    }
+};
+
+// The destructor takes the set before removing it, so a holder is never pulled out from under; the threads
+// that waited behind it attach again by the name, to one new set that excludes them, the objects left on the
+// old id and objects built later.
+TEST(Mutex, RemovalWaitsForTheHolderAndWaitersFollowTheName) {
+    const std::string name = TestName("follow");
     RemoveKey(KeyOf(name));
+    Mutex holder(name.c_str()), waiters(name.c_str());
     auto owner = std::make_unique<Mutex>(name.c_str());
-    const int id = owner->getid();
-    ASSERT_GT(id, 0);
-    owner->lock();
-    Pipe waiting, returned;
-    pid_t child = msptest::StartChild([&] {
-        Mutex* other = ChildMutex(name);
-        waiting.Send();
-        other->lock();  // returns when the set goes away
-        returned.Send();
-        other->lock();  // no set: returns at once
-        return other->getid() == id ? 0 : 1;
-    });
-    ASSERT_TRUE(waiting.Wait(kChildMs));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    owner.reset();
-    EXPECT_EQ(-1, KeyOfSet(id));
-    EXPECT_TRUE(returned.Wait(kChildMs));
-    EXPECT_EQ(0, msptest::WaitChild(child, kChildMs));
-    Mutex fresh(name.c_str());
-    EXPECT_NE(id, fresh.getid());
-    EXPECT_EQ(1, Value(fresh.getid()));
+    const int first = owner->getid();
+    ASSERT_GT(first, 0);
+    Section section;
+    holder.lock();
+    section.inside = 1;
+    {
+        Background removal([&] { owner.reset(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the removal queues first
+        Background a([&] { section.Pass(waiters); }), b([&] { section.Pass(waiters); });
+        EXPECT_FALSE(removal.Within(100)) << "the set went while it was held";
+        section.inside = 0;
+        holder.unlock();
+        EXPECT_TRUE(removal.Within(kChildMs));
+    }
+    EXPECT_EQ(0, section.overlaps.load());
+    EXPECT_EQ(-1, KeyOfSet(first));
+    const int second = waiters.getid();
+    ASSERT_GT(second, 0);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(KeyOf(name), KeyOfSet(second));
+    EXPECT_EQ(1, Value(second));
+    // The object left on the removed set: its unlock leaves the new one alone, its lock follows.
+    waiters.lock();
+    holder.unlock();
+    EXPECT_EQ(0, Value(second));
+    {
+        Background late([&] { section.Pass(holder); });
+        EXPECT_FALSE(late.Within(100));
+        waiters.unlock();
+        EXPECT_TRUE(late.Within(kChildMs));
+    }
+    EXPECT_EQ(second, holder.getid());
+    Mutex later(name.c_str());
+    EXPECT_EQ(second, later.getid());
+}
+
+// A set at 0 on which no semop ever succeeded is the one a creator killed before its SETVAL leaves. The
+// waiters remove it after the grace, one of them makes it again, and they exclude each other there. The
+// creator, had it only stalled, finds its SETVAL refused. A held set is never taken for such a one.
+TEST(Mutex, NeverFreedSetIsMadeAgainAndAHeldOneIsNot) {
+    {
+        const std::string name = TestName("heldlong");
+        RemoveKey(KeyOf(name));
+        Mutex a(name.c_str()), b(name.c_str());
+        a.lock();
+        Background waiter([&] { b.lock(); });
+        EXPECT_FALSE(waiter.Within(700)) << "a held set was taken for a never freed one";
+        a.unlock();
+        EXPECT_TRUE(waiter.Within(kChildMs));
+        b.unlock();
+        EXPECT_EQ(a.getid(), b.getid());
+    }
+    const std::string name = TestName("unfreed");
+    RemoveKey(KeyOf(name));
+    const int unfreed = ::semget(KeyOf(name), 1, IPC_CREAT | IPC_EXCL | 0660);
+    ASSERT_GT(unfreed, 0);
+    Mutex c(name.c_str()), d(name.c_str());
+    ASSERT_EQ(unfreed, c.getid());
+    Section section;
+    const auto start = std::chrono::steady_clock::now();
+    {
+        Background first([&] { section.Pass(c); }), second([&] { section.Pass(d); });
+        const bool through = first.Within(kChildMs) && second.Within(kChildMs);
+        EXPECT_TRUE(through) << "a set never freed blocks for ever";
+        if (!through) ::semctl(unfreed, 0, SETVAL, 2);  // lets the threads end
+    }
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(200));
+    EXPECT_LT(waited, std::chrono::milliseconds(1000));
+    EXPECT_EQ(0, section.overlaps.load());
+    EXPECT_EQ(-1, KeyOfSet(unfreed));
+    EXPECT_EQ(c.getid(), d.getid());
+    c.lock();
+    EXPECT_NE(0, ::semctl(unfreed, 0, SETVAL, 1)) << "a stalled creator freed a set";
+    EXPECT_EQ(0, Value(c.getid()));
+    c.unlock();
 }
 
 TEST(Mutex, InertObjectNeitherBlocksNorTouchesTheSet) {

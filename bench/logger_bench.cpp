@@ -1,5 +1,6 @@
 // Event logger: eventLogOut with 60-byte lines, each flushed to its file, against spdlog's rotating file sink
-// with a flush on every line and against fprintf + fflush on a plain file.
+// with a flush on every line, against fprintf + fflush on a plain file, and against its floor: the same line
+// through fprintf and fflush under the lock pair, the system calls a logged line cannot do without.
 // The logger's semaphore has a machine-wide key: bench/run holds the test suites' lock around every row.
 #include <stdio.h>
 
@@ -7,6 +8,7 @@
 #include <string>
 
 #include "bench.h"
+#include "msplatform/mutex.h"
 
 #if __has_include("msplatform/eventLogger.h")
 #include "msplatform/ZvCfgCtrlMgr.h"
@@ -31,6 +33,9 @@ const int kFiles = 5;
 // 60 bytes of message: what a server logs about a request.
 const char kMessage[] = "GET /share/Music/Album 04/Track 07.mp3 range 0-65535: ok 206";
 static_assert(sizeof kMessage - 1 == 60, "the lines are 60 bytes");
+const char kStamp[] = "11-24-2026 : 22:05:36.123";
+static_assert(sizeof kStamp - 1 == 25, "the logger's stamp holds 25 characters");
+const char kFloor[] = "floor:lock+fprintf+fflush";
 
 void RegisterAll() {
 #ifdef MSPB_HAVE_LOGGER
@@ -77,6 +82,25 @@ void RegisterAll() {
         for (auto _ : state) {
             fprintf(file, "%s\n", kMessage);
             fflush(file);
+        }
+        fclose(file);
+        state.SetItemsProcessed(static_cast<int64_t>(state.iterations()));
+    });
+    // The floor: the logger's line (a stamp of the same length, fixed here), written and flushed under a
+    // semaphore of the same kind as "eventLogger", a private one.
+    mspb::Add(kOperation, kInput, kFloor, [plainDir](benchmark::State& state) {
+        Mutex mutex;
+        if (mutex.getid() <= 0) {
+            state.SkipWithError("no semaphore set");
+            return;
+        }
+        FILE* file = fopen(plainDir->file("floor.txt").c_str(), "a");
+        if (!file) mspb::Fail("cannot open the floor's log");
+        for (auto _ : state) {
+            mutex.lock();
+            fprintf(file, "%s\t : %s\n", kStamp, kMessage);
+            fflush(file);
+            mutex.unlock();
         }
         fclose(file);
         state.SetItemsProcessed(static_cast<int64_t>(state.iterations()));

@@ -1,5 +1,7 @@
 // Media format map: MF_Initialize (load of MediaFormats.xml) and extension lookups, on a generated 1 MB table
-// and on the shipped one, against pugixml's load into a std::unordered_map keyed by extension.
+// and on the shipped one, against pugixml's load into a std::unordered_map keyed by extension, and the
+// lookup against its floor: the lock pair around a hash lookup, what a lookup under the map's lock costs at
+// the least.
 // The map's semaphore has a machine-wide key: bench/run holds the test suites' lock around these.
 #include <ctype.h>
 #include <stdio.h>
@@ -12,6 +14,7 @@
 
 #include "bench.h"
 #include "msplatform/mediaFormats.h"
+#include "msplatform/mutex.h"
 
 #ifdef MSPB_HAVE_PUGIXML
 #include <pugixml.hpp>
@@ -81,6 +84,14 @@ private:
     char previous_[4096];
 };
 
+// The extension folded to lower case, in `lower` (at least 64 bytes); what both hash maps look up.
+std::string Lower(const char* extension, char* lower) {
+    size_t n = 0;
+    for (; extension[n] && n < 63; ++n)
+        lower[n] = static_cast<char>(tolower(static_cast<unsigned char>(extension[n])));
+    return std::string(lower, n);
+}
+
 #ifdef MSPB_HAVE_PUGIXML
 struct Format {
     std::string formatName, extensions, mimeType, dlnaClass, dlnaProfile, parserName, dapName, mediaType,
@@ -125,10 +136,7 @@ struct PugiMap {
 
     const char* mimeType(const char* extension) const {
         char lower[64];
-        size_t n = 0;
-        for (; extension[n] && n < sizeof lower - 1; ++n)
-            lower[n] = static_cast<char>(tolower(static_cast<unsigned char>(extension[n])));
-        const auto hit = byExtension.find(std::string(lower, n));
+        const auto hit = byExtension.find(Lower(extension, lower));
         return hit == byExtension.end() ? nullptr : formats[hit->second].mimeType.c_str();
     }
 };
@@ -167,6 +175,32 @@ void RegisterTable(const std::string& input, std::function<std::string()> conten
                 for (auto& key : keys) benchmark::DoNotOptimize(MF_GetMimeTypeByExtension(key.data()));
             }
             MF_UnInitialize();
+        },
+        kLookups);
+
+    // The floor: every extension of the table in a std::unordered_map (to its position), looked up under a
+    // semaphore of the same kind as "MediaMapper", a private one.
+    mspb::Add(
+        "MF_extension_lookup", input, "floor:lock+unordered_map",
+        [get](benchmark::State& state) {
+            Table& t = get();
+            std::unordered_map<std::string, size_t> index;
+            char lower[64];
+            for (const std::string& e : Extensions(t.content))
+                index.emplace(Lower(e.c_str(), lower), index.size());
+            Mutex mutex;
+            if (mutex.getid() <= 0) {
+                state.SkipWithError("no semaphore set");
+                return;
+            }
+            for (auto _ : state) {
+                for (const std::string& e : t.lookups) {
+                    mutex.lock();
+                    const auto hit = index.find(Lower(e.c_str(), lower));
+                    benchmark::DoNotOptimize(hit == index.end() ? nullptr : &hit->second);
+                    mutex.unlock();
+                }
+            }
         },
         kLookups);
 

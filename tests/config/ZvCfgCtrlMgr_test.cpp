@@ -8,7 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <initializer_list>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -208,6 +211,70 @@ TEST_F(ConfigFile, RewriteKeepsOnlyWhatTheReaderKept) {
     EXPECT_EQ("[C]\r\nc=5\r\n\r\n", Read());
 }
 
+// The reader's rules as a model: what a rewrite of `file` holds after it was read.
+std::string ModelRewrite(const std::string& file) {
+    struct Key {
+        std::string name, value;
+        bool text;
+        long number;
+    };
+    std::vector<std::pair<std::string, std::vector<Key>>> sections;
+    for (size_t at = 0; at < file.size();) {
+        size_t end = file.find_first_of("\r\n", at);
+        if (end == std::string::npos) end = file.size();
+        const std::string line = file.substr(at, end - at).c_str();  // a zero byte ends the text
+        at = end + (end < file.size() && file[end] == '\r' ? 2 : 1);
+        if (line.size() >= 2 && line.front() == '[' && line.back() == ']') {
+            sections.push_back({line.substr(1, line.size() - 2), {}});
+            continue;
+        }
+        const size_t eq = line.find('=');
+        if (eq == std::string::npos || eq == 0 || sections.empty() || sections.back().first.empty()) continue;
+        Key key{line.substr(0, eq), line.substr(eq + 1), false, 0};
+        if (!key.value.empty() && key.value[0] == '"') {
+            key.text = true;
+            key.value = key.value.substr(1, key.value.size() > 1 ? key.value.size() - 2 : 0);
+        } else {
+            key.number =
+                std::min<long>(INT_MAX, std::max<long>(INT_MIN, strtol(key.value.c_str(), nullptr, 10)));
+        }
+        std::vector<Key>& keys = sections.back().second;
+        bool repeated = false;
+        for (const Key& k : keys) repeated = repeated || strcasecmp(k.name.c_str(), key.name.c_str()) == 0;
+        if (!repeated) keys.push_back(key);
+    }
+    std::string out;
+    for (const auto& [name, keys] : sections) {
+        if (name.empty()) continue;
+        out += "[" + name + "]\r\n";
+        for (const Key& k : keys)
+            out += k.name + "=" + (k.text ? "\"" + k.value + "\"" : std::to_string(k.number)) + "\r\n";
+        out += "\r\n";
+    }
+    return out;
+}
+
+// Files of random lines, some at the sizes around the read buffer's switch from the stack to the heap: a
+// create in a section of its own rewrites what the reader kept, which must be what the rules keep.
+TEST_F(ConfigFile, ReaderKeepsWhatTheRulesKeep) {
+    // clang-format off
+    const std::string pieces[] = {
+        "[S]", "[s]", "[T x]", "[]", "[", " [S]", "[S] ", "[a=b]", "[[x]]", "k", "K", "key", "a b", " k", "\xe9",
+        "\xc9", "=", "=", "=", "\"", "\"v\"", "\"a=b\"", "1", "-5", "+7", " 12", "007", "999999999", "1000000000",
+        "2147483648", "-99999999999", "12ab", "x", "\r\n", "\r\n", "\n", "\r", "\r\r", "\0"s};
+    // clang-format on
+    std::mt19937 random(20261124);
+    for (int round = 0; round < 300; ++round) {
+        const size_t length = round < 8 ? 4090 + round : random() % (round % 16 == 0 ? 6000 : 120);
+        std::string file;
+        while (file.size() < length) file += pieces[random() % (sizeof pieces / sizeof pieces[0])];
+        file.resize(length);
+        Write(file);
+        ASSERT_EQ(CFG_OK, createConfigInt(C("Q"), C("q"), 1)) << round;
+        ASSERT_EQ(ModelRewrite(file) + "[Q]\r\nq=1\r\n\r\n", Read()) << round;
+    }
+}
+
 TEST_F(ConfigFile, VeryLongLinesAndNames) {
     const std::string big(300000, 'v'), name(5000, 'N'), value = big + "w";
     Write("[" + name + "]\n" + name + "=\"" + big + "\"\n");
@@ -218,10 +285,11 @@ TEST_F(ConfigFile, VeryLongLinesAndNames) {
 
 // ---- files the store must survive without losing what they hold ----
 
-// A directory or a FIFO with no writer: the reader must neither spin nor wait (a child, so a hang fails).
+// A directory or a FIFO with no writer: the reader must neither spin nor wait (a child, so a hang fails). A
+// file that holds more than its size promises (a /proc file gives 0, then many pages) is read whole.
 TEST_F(ConfigFile, PathNamingADirectoryOrAFifo) {
     ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
-    for (const std::string& target : {dir.path(), path}) {
+    for (const std::string& target : {dir.path(), path, "/proc/self/smaps"s}) {
         deinitializeConfig();
         ASSERT_EQ(CFG_OK, initializeConfig(target.c_str()));
         EXPECT_EQ(0, msptest::RunChild([] { return Probe("k") == "-6 0 -6" ? 0 : 1; }, kChildMs)) << target;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -15,15 +16,11 @@
 namespace msptest {
 
 inline std::vector<std::string> Words(const std::string& text) {
-    std::vector<std::string> words;
     std::istringstream in(text);
-    for (std::string word; in >> word;) words.push_back(word);
-    return words;
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
-inline bool UnderEmulation() {
-    return !Words(MSPLAT_EMULATOR).empty();
-}
+constexpr bool kUnderEmulation = sizeof(MSPLAT_EMULATOR) > 1;
 
 // msplat's arguments: the words of a line, or each given whole.
 struct Args : std::vector<std::string> {
@@ -37,9 +34,8 @@ struct MsplatResult {
     std::string out, err;
 };
 
-// Starts msplat in a child: in `cwd` (the caller's when empty), standard input, output and error on the
-// files `in`, `out` and `err`, the environment changed by `env` ("NAME=value" each), and `prefix` run ahead
-// of it (a command that ends by running its arguments).
+// Starts msplat in a child: in `cwd`, standard input, output and error on the files `in`, `out` and `err`,
+// the environment changed by `env` ("NAME=value"), behind `prefix` (a command that runs its arguments).
 inline pid_t StartMsplat(const Args& args, const std::string& in, const std::string& out,
                          const std::string& err, const std::string& cwd = "",
                          const std::vector<std::string>& env = {},

@@ -1,142 +1,196 @@
-// msplat config: outputs, exit statuses and the file it leaves, run as a separate process.
+// msplat config: get, type, set, create; apply and its reader of lines, among concurrent writers; edit.
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <random>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "cfglines.h"
 #include "cli/msplat_run.h"
+#include "config/internal.h"
 #include "msplatform/ZvCfgCtrlMgr.h"
 
 namespace {
 
-using msptest::ExpectRuns;
-using msptest::Msplat;
+using namespace msptest;
+using Line = msplat::CfgLine;
 
-TEST(CliConfig, CreateSetGetTypeDumpAndTheFileLeft) {
-    msptest::TempDir dir;
-    ExpectRuns({{{"create", "upnp", "serverName", "Living room NAS", "--string"}, 0, "", ""},
-                {{"create", "dms", "logFileSize", "1048576", "--int"}, 0, "", ""},
-                {{"create", "--int", "dms", "logFilesCount", "-5"}, 0, "", ""},
-                {{"set", "DMS", "LOGFILESCOUNT", "10"}, 0, "", ""},
-                {{"set", "upnp", "serverName", "Living room \"NAS\""}, 0, "", ""},
-                {{"get", "Upnp", "servername"}, 0, "Living room \"NAS\"\n", ""},
-                {{"get", "dms", "logFilesCount"}, 0, "10\n", ""},
-                {{"type", "dms", "logFileSize"}, 0, "int\n", ""},
-                {{"type", "upnp", "serverName"}, 0, "string\n", ""},
-                {{"create", "upnp", "empty", "", "--string"}, 0, "", ""},
-                {{"get", "upnp", "empty"}, 0, "\n", ""},
-                {{"dump"},
-                 0,
-                 "[upnp]\nserverName=\"Living room \"NAS\"\"\nempty=\"\"\n\n[dms]\nlogFileSize=1048576\n"
-                 "logFilesCount=10\n",
+class CliConfig : public ::testing::Test {
+protected:
+    void SetUp() override { WriteFile(file_, kStart); }
+    static constexpr const char* kStart = "[upnp]\r\nserverName=\"NAS\"\r\n\r\n[dms]\r\nsize=1\r\n\r\n";
+    TempDir dir_;
+    const std::string file_ = dir_.file("MediaServer.cfg");
+};
+
+// What the store could not read back as written is refused; a key's type decides how a value is read;
+// what is missing gives 1, every other failure 2, and a set on a missing file makes none.
+TEST_F(CliConfig, ReadAndChangeKeys) {
+    ASSERT_EQ(mkdir(dir_.file("sub").c_str(), 0700), 0);
+    const std::string at = "msplat: MediaServer.cfg: [", no = "msplat: [dms] size is an int key: \"",
+                      end = "msplat: config: a line end can't stand in a section, key or value\n",
+                      sub = "msplat: sub: not a regular file\n";
+    ExpectRuns({{"set dms size 2147483648", 2, "", no + "2147483648\" is no int\n"},
+                {"set dms size -2147483649", 2, "", no + "-2147483649\" is no int\n"},
+                {{"create", "dms", "n", "12 ", "--int"}, 2, "", "msplat: \"12 \" is no int\n"},
+                {{"set", "upnp", "serverName", "a\nb"}, 2, "", end},
+                {{"create", "a\r", "k", "1", "--int"}, 2, "", end},
+                {{"create", "a", "k\n", "1", "--int"}, 2, "", end},
+                {"create a k=v 1 --int", 2, "", "msplat: config: a key name can't hold \"=\"\n"},
+                {{"create", "", "k", "1", "--int"}, 2, "", "msplat: config: empty section or key name\n"},
+                {"get dms nosuch", 1, "", at + "dms] nosuch: no such key\n"},
+                {"set nosuch size 1", 1, "", at + "nosuch]: no such section\n"},
+                {"--file none set a k 1", 1, "", "msplat: none: No such file or directory\n"},
+                {"--file sub get a k", 2, "", sub},
+                {"--file sub create a k 1 --int", 2, "", sub},
+                {{"--file", std::string(261, 'x'), "create", "a", "k", "1", "--int"}, 2, "", "*"},
+                {"set DMS SIZE +2147483647", 0, "", ""},
+                {"set upnp servername -1", 0, "", ""},
+                {"create --int dms low -2147483648", 0, "", ""},
+                {"get Upnp SERVERNAME --file MediaServer.cfg", 0, "-1\n", ""},
+                {"type dms low", 0, "int\n", ""}},
+               dir_.path(), "config");
+    EXPECT_FALSE(FileExists(dir_.file("none")));
+    EXPECT_EQ(ReadFile(file_),
+              "[upnp]\r\nserverName=\"-1\"\r\n\r\n[dms]\r\nsize=2147483647\r\nlow=-2147483648\r\n\r\n");
+}
+
+// The store reads a text and writes it back; the tool's reader of apply and edit must see the same sections,
+// keys, types and values in it, over texts made of the pieces that the reader's rules turn on.
+TEST(CliConfigLines, ReadAsTheStoreReadsThem) {
+    std::vector<std::string> pieces = {
+        std::string(1, '\0'), "\r\n", "99999999999", "[s]", "[S]\n", "\nk=", "\nK=\"", "[]", "\n[s]\n",
+        "=\"v\"\n",           "\r["};
+    for (char c : std::string("[]=\"aB \t7-+x\r\n")) pieces.push_back(std::string(1, c));
+    TempDir dir;
+    const std::string file = dir.file("MediaServer.cfg");
+    ASSERT_EQ(initializeConfig(file.c_str()), CFG_OK);
+    std::mt19937 random(23);
+    for (int i = 0, texts = kUnderEmulation ? 500 : 2000; i < texts && !HasFailure(); ++i) {
+        std::string text, tool;
+        for (size_t n = random() % 30; n > 0; --n) text += pieces[random() % pieces.size()];
+        // What the store's writer makes of the lines as the tool reads them: each section line one section.
+        for (const Line& line : msplat::ReadCfgLines(text, false)) {
+            if (line.kind == Line::kSection) tool += (tool.empty() ? "[" : "\r\n[") + line.name + "]\r\n";
+            if (line.kind == Line::kInt) tool += line.name + "=" + std::to_string(line.intValue) + "\r\n";
+            if (line.kind == Line::kString) tool += line.name + "=\"" + line.value + "\"\r\n";
+        }
+        unlink(file.c_str());  // new files each time: truncating one costs a flush on some file systems
+        WriteFile(file, text);
+        ASSERT_EQ(cfgMgr.readCfgValues(), CFG_OK);
+        unlink(file.c_str());
+        EXPECT_EQ(cfgMgr.writeCfgValues() == CFG_OK ? ReadFile(file) : "", tool.empty() ? "" : tool + "\r\n")
+            << ::testing::PrintToString(text);
+    }
+    deinitializeConfig();
+}
+
+// apply names each line that the store would drop or read otherwise, each value of another type than its
+// key's, each new name with a blank at an edge, and writes nothing; nor does --dry-run, nor a failed read.
+TEST_F(CliConfig, ApplyAllOrNothing) {
+    const std::string
+        bad =
+            "k=\"x\"\n[upnp]\nname \"x\"\nname=\"x\n=5\n[dms]\nsize=1x\nn=99999999999\nSIZE=2\n[]\n"
+            "k=1\n[dms]\rk=1\na",
+        types = "[dms]\nn=5\nsize=\"1\"\n[upnp]\nserverName=5\n n=1\n[ n]\n";
+    for (const auto& [input, named] :
+         {std::pair(bad + '\0' + "=1\n", "1 3 4 5 7 8 9 10 11 12 13 14 "), std::pair(types, "3 5 6 7 ")}) {
+        const MsplatResult r = Msplat("config apply", dir_.path(), input);
+        const std::regex line("msplat: standard input line (\\d+) \\(");
+        std::string lines;
+        for (std::sregex_iterator m(r.err.begin(), r.err.end(), line), end; m != end; ++m)
+            lines += (*m)[1].str() + " ";
+        EXPECT_EQ(lines + std::to_string(r.status), named + std::string("2")) << r.err;
+        EXPECT_EQ(r.err.substr(r.err.rfind("msplat: ")), "msplat: MediaServer.cfg: nothing written\n");
+    }
+    WriteFile(dir_.file("changes"),
+              "[UPNP]\r\nserverName=\"Den\"\r\n\r\n[dms]\nsize= +2\nn=5\n  \n[new]\nk=\"\"\n");
+    ExpectRuns({{"apply --dry-run changes", 0,
+                 "[upnp] serverName=\"Den\" (was \"NAS\")\n[dms] size=2 (was 1)\n"
+                 "[dms] n=5 (new key)\n[new] (new section)\n[new] k=\"\" (new key)\n",
                  ""}},
-               dir.path(), {"config"});
-    EXPECT_EQ(msptest::ReadFile(dir.file("MediaServer.cfg")),
-              "[upnp]\r\nserverName=\"Living room \"NAS\"\"\r\nempty=\"\"\r\n\r\n"
-              "[dms]\r\nlogFileSize=1048576\r\nlogFilesCount=10\r\n\r\n");
+               dir_.path(), "config");
+    EXPECT_EQ(ReadFile(file_), kStart);
+    ExpectRuns({{"apply changes", 0, "", ""},
+                {"apply --dry-run changes", 0, "", ""},
+                {"--file /proc/self/mem apply changes", 2, "",
+                 "msplat: /proc/self/mem: could not be read whole: nothing written\n"}},
+               dir_.path(), "config");
+    EXPECT_EQ(ReadFile(file_),
+              "[upnp]\r\nserverName=\"Den\"\r\n\r\n[dms]\r\nsize=2\r\nn=5\r\n\r\n[new]\r\nk=\"\"\r\n\r\n");
 }
 
-// Refused values and names (which the store could not read back as written), result codes in words.
-TEST(CliConfig, ResultCodesInWordsAndExitStatuses) {
-    msptest::TempDir dir;
-    const std::string file = dir.file("my.cfg"), at = "msplat: " + file + ": ";
-    msptest::WriteFile(file, "[a]\nn=1\ns=\"x\"\n");
-    ExpectRuns(
-        {{{"get", "a", "missing"}, 1, "", at + "[a] missing: no such key\n"},
-         {{"get", "b", "n"}, 1, "", at + "[b]: no such section\n"},
-         {{"type", "a", "missing"}, 1, "", at + "[a] missing: no such key\n"},
-         {{"set", "a", "missing", "1"}, 1, "", at + "[a] missing: no such key\n"},
-         {{"set", "b", "n", "1"}, 1, "", at + "[b]: no such section\n"},
-         {{"create", "a", "N", "2", "--int"}, 2, "", at + "[a] N: key exists\n"},
-         {{"set", "a", "n", "x1"}, 2, "", "msplat: [a] n is an int key: \"x1\" is no int\n"},
-         {{"set", "a", "n", "2147483648"}, 2, "", "msplat: [a] n is an int key: \"2147483648\" is no int\n"},
-         {{"create", "a", "m", "12 ", "--int"}, 2, "", "msplat: \"12 \" is no int\n"},
-         {{"create", "a", "m", "one\ntwo", "--string"},
-          2,
-          "",
-          "msplat: config: a line end can't stand in a section, key or value\n"},
-         {{"create", "a", "k=v", "1", "--int"}, 2, "", "msplat: config: a key name can't hold \"=\"\n"},
-         {{"create", "", "k", "1", "--int"}, 2, "", "msplat: config: empty section or key name\n"}},
-        "", {"config", "--file", file});
-    EXPECT_EQ(msptest::ReadFile(file), "[a]\nn=1\ns=\"x\"\n");  // not even rewritten
-    // A string key takes any text, an int key the whole range; --file goes anywhere.
-    ExpectRuns({{{"config", "--file", file, "set", "a", "s", "12 monkeys"}, 0, "", ""},
-                {{"config", "--file", file, "set", "a", "n", "-2147483648"}, 0, "", ""},
-                {{"config", "get", "--file", file, "a", "n"}, 0, "-2147483648\n", ""},
-                {{"config", "get", "a", "s", "--file", file}, 0, "12 monkeys\n", ""}});
-}
-
-// A missing file: 1 and nothing made, except by a create; what is no regular file (the store would read a
-// FIFO for ever) or a path over 260 bytes: 2.
-TEST(CliConfig, MissingFileAndWhatIsNoFile) {
-    msptest::TempDir dir;
-    const std::string missing = dir.file("none.cfg"), sub = dir.file("sub"),
-                      notFile = ": not a regular file\n", none = ": No such file or directory\n";
-    ASSERT_EQ(mkdir(sub.c_str(), 0700), 0);
-    ExpectRuns({{{"--file", missing, "get", "a", "k"}, 1, "", "msplat: " + missing + none},
-                {{"--file", missing, "type", "a", "k"}, 1, "", "msplat: " + missing + none},
-                {{"--file", missing, "set", "a", "k", "1"}, 1, "", "msplat: " + missing + none},
-                {{"--file", missing, "dump"}, 1, "", "msplat: " + missing + none},
-                {{"--file", sub, "get", "a", "k"}, 2, "", "msplat: " + sub + notFile},
-                {{"--file", sub, "create", "a", "k", "1", "--int"}, 2, "", "msplat: " + sub + notFile},
-                {{"--file", sub, "dump"}, 2, "", "msplat: " + sub + notFile},
-                {{"--file", std::string(261, 'x'), "dump"}, 2, "", "*"}},
-               "", {"config"});
-    EXPECT_FALSE(msptest::FileExists(missing));
-    EXPECT_EQ(Msplat({"config", "--file", missing, "create", "s", "k", "v", "--string"}).status, 0);
-    EXPECT_EQ(msptest::ReadFile(missing), "[s]\r\nk=\"v\"\r\n\r\n");
-}
-
-// Lines the store drops, a nameless section, a repeated key and a section repeated in another case; lookups
-// see the first of repeated sections only.
-TEST(CliConfig, DumpShowsWhatTheStoreReads) {
-    msptest::TempDir dir;
-    const std::string file = dir.file("MediaServer.cfg");
-    msptest::WriteFile(
-        file, "stray=1\r\n[]\r\nlost=2\r\n[a]\r\nk=\"v\"\r\nK=3\r\ncomment\r\nn=07x\r\n[b]\r\n[A]\r\nz=1");
-    ExpectRuns({{{"dump"}, 0, "[a]\nk=\"v\"\nn=7\n\n[b]\n\n[A]\nz=1\n", ""},
-                {{"get", "A", "z"}, 1, "", "msplat: MediaServer.cfg: [A] z: no such key\n"}},
-               dir.path(), {"config"});
-    msptest::WriteFile(file, "");
-    ExpectRuns({{{"config", "dump"}, 0, "", ""}}, dir.path());
-}
-
-// Four loops of msplat runs create keys in one file while this process creates its own through the library:
-// every create is a locked read, change and write of the whole file, so none is lost.
-TEST(CliConfig, ConcurrentCreatesLoseNoKey) {
-    msptest::TempDir dir;
-    const std::string file = dir.file("MediaServer.cfg");
-    const int loops = 4, perLoop = msptest::UnderEmulation() ? 8 : 20;
+// Applies that set three keys at once and make one, among loops of msplat config set on other keys and a
+// reader: the reader never sees the three apart, and no change of either side is lost.
+TEST_F(CliConfig, ApplyIsOneTransactionAmongConcurrentSets) {
+    const int rounds = kUnderEmulation ? 4 : 10;
+    WriteFile(file_, "[s]\r\na=0\r\nb=0\r\nc=0\r\nx0=0\r\nx1=0\r\n\r\n");
+    const std::string config = "config --file " + file_ + " ";
     std::vector<pid_t> children;
-    for (int loop = 0; loop < loops; ++loop)
-        children.push_back(msptest::StartChild([&, loop] {
+    for (const std::string key : {"x0 ", "x1 "})
+        children.push_back(StartChild([&, key] {
             int failures = 0;
-            for (int i = 0; i < perLoop; ++i)
-                failures += Msplat({"config", "--file", file, "create", "loop" + std::to_string(loop),
-                                    "key" + std::to_string(i), std::to_string(loop * 1000 + i), "--int"})
-                                .status != 0;
+            for (int i = 1; i <= rounds; ++i)
+                failures += Msplat(config + "set s " + key + std::to_string(i)).status != 0;
             return failures;
         }));
-    ASSERT_EQ(initializeConfig(file.c_str()), CFG_OK);
-    for (int i = 0; i < perLoop; ++i)
-        EXPECT_EQ(createConfigInt(const_cast<char*>("test"),
-                                  const_cast<char*>(("key" + std::to_string(i)).c_str()), i),
-                  CFG_OK);
-    for (pid_t child : children) EXPECT_EQ(msptest::WaitChild(child, 600000), 0);
-    deinitializeConfig();
-    // Each section holds its keys in the order its one writer created them, each with its value.
-    const std::string dump = Msplat({"config", "--file", file, "dump"}).out;
-    size_t keys = 0;
-    for (size_t at = dump.find('='); at != std::string::npos; at = dump.find('=', at + 1)) ++keys;
-    EXPECT_EQ(keys, static_cast<size_t>((loops + 1) * perLoop));
-    for (int loop = -1; loop < loops; ++loop) {
-        std::string block = loop < 0 ? "[test]\n" : "[loop" + std::to_string(loop) + "]\n";
-        for (int i = 0; i < perLoop; ++i)
-            block += "key" + std::to_string(i) + "=" + std::to_string(loop < 0 ? i : loop * 1000 + i) + "\n";
-        EXPECT_NE(dump.find(block), std::string::npos) << block;
+    children.push_back(StartChild([&] {
+        int torn = 0;
+        for (int i = 0; i < rounds; ++i)
+            torn += !std::regex_search(Msplat(config + "dump").out, std::regex("a=(\\d+)\nb=\\1\nc=\\1\n"));
+        return torn;
+    }));
+    std::string made;
+    for (int i = 1; i <= rounds; ++i) {
+        const std::string n = std::to_string(i), abc = "[s]\na=" + n + "\nb=" + n + "\nc=" + n + "\n";
+        EXPECT_EQ(Msplat(config + "apply", "", abc + "[made]\nk" + n + "=" + n).status, 0);
+        made += "k" + n + "=" + n + "\n";
     }
+    for (pid_t child : children) EXPECT_EQ(WaitChild(child, 600000), 0);
+    const std::string n = std::to_string(rounds);
+    EXPECT_EQ(Msplat(config + "dump").out,
+              "[s]\na=" + n + "\nb=" + n + "\nc=" + n + "\nx0=" + n + "\nx1=" + n + "\n\n[made]\n" + made);
+}
+
+// edit writes the copy back with warnings and leaves none behind; or, when the file changed meanwhile, the
+// editor failed or the file could not be written whole (the old bytes go back), writes nothing and says
+// where the edited copy stays.
+TEST_F(CliConfig, EditWritesBackOrKeepsTheCopy) {
+    TempDir tmp;
+    auto edit = [&](const std::string& editor, const std::vector<std::string>& prefix = {}) {
+        WriteFile(dir_.file("editor"), "#!/bin/sh\n" + editor + "\n");
+        chmod(dir_.file("editor").c_str(), 0700);
+        return Msplat("config edit", dir_.path(), "",
+                      {"VISUAL=" + dir_.file("editor"), "TMPDIR=" + tmp.path()}, prefix);
+    };
+    auto refused = [&](const MsplatResult& r, const std::string& message, const std::string& kept) {
+        const size_t at = r.err.find(tmp.path());
+        EXPECT_EQ(r.err.substr(0, at) + std::to_string(r.status), "msplat: edit: " + message + " stays at 2");
+        EXPECT_EQ(at == std::string::npos ? "" : ReadFile(r.err.substr(at, r.err.find('\n') - at)), kept);
+    };
+    const std::string edited = "stray=1\r\n[upnp]\r\n# a note\r\nname=\"Den\"\r\nName=\"x\"\r\n",
+                      warning = "msplat: warning: MediaServer.cfg line ", big = std::string(600, 'n');
+    WriteFile(dir_.file("edited"), edited);
+    const MsplatResult r = edit("cp " + dir_.file("edited") + " \"$1\"");
+    EXPECT_EQ(r.out + r.err, warning + "1 (stray=1): a key ahead of the first section: the store drops it\n" +
+                                 warning + "3 (# a note): no \"=\": the store drops the line\n" + warning +
+                                 "5 (Name=\"x\"): a repeated key: the store keeps the first one\n");
+    EXPECT_EQ(ReadFile(file_) + std::to_string(r.status), edited + "0");
+    EXPECT_EQ(rmdir(tmp.path().c_str()), 0);  // no copy left
+    ASSERT_EQ(mkdir(tmp.path().c_str(), 0700), 0);
+    refused(edit("printf '[a]\\nk=2\\n' > \"$1\"; printf 'x=1\\r\\n' >> " + file_),
+            "MediaServer.cfg changed while it was edited: nothing written; the edited copy", "[a]\nk=2\n");
+    refused(edit("printf half > \"$1\"; exit 3"), "the editor failed (status 3): nothing written; the copy",
+            "half");
+    // msplat may write one 512-byte block at most; the editor lifts the limit for itself.
+    refused(edit("ulimit -S -f unlimited; printf '[a]\\nk=\"" + big + "\"\\n' > \"$1\"",
+                 {"sh", "-c", "ulimit -S -f 1; exec \"$@\"", "sh"}),
+            "MediaServer.cfg: File too large: nothing written; the edited copy", "[a]\nk=\"" + big + "\"\n");
+    EXPECT_EQ(ReadFile(file_), edited + "x=1\r\n");
 }
 
 }  // namespace

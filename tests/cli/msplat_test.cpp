@@ -1,12 +1,15 @@
-// What holds for every msplat command: help, bad usage, the shared semaphores left in place, and no line of
-// the library's own in its output.
+// msplat as a whole, the commands that only read, log and its files, locks.
 #include <stdlib.h>
-#include <sys/ipc.h>
+#include <string.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <sstream>
+#include <functional>
+#include <random>
+#include <regex>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -14,154 +17,218 @@
 #include <gtest/gtest.h>
 
 #include "cli/msplat_run.h"
+#include "msplatform/ZvEventLogger.h"
 #include "msplatform/mutex.h"
 
 namespace {
 
-using msptest::Msplat;
+using namespace msptest;
 
-std::vector<std::string> Words(const std::string& text) {
-    std::vector<std::string> words;
-    std::istringstream in(text);
-    for (std::string word; in >> word;) words.push_back(word);
-    return words;
-}
-
-// What the bash completion offers for the words of a command line, the last being the one completed.
-std::vector<std::string> Completions(std::vector<std::string> words) {
-    msptest::TempDir dir;
-    const std::string script = dir.file("complete"), out = dir.file("out");
-    msptest::WriteFile(script, "source " MSPLATFORM_SOURCE_DIR
-                               "/tools/msplat/msplat.bash-completion\n"
-                               "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _msplat\n"
-                               "printf '%s\\n' \"${COMPREPLY[@]}\" > " +
-                                   out + "\n");
-    words.insert(words.begin(), {"bash", script});
-    EXPECT_EQ(msptest::RunChild(
-                  [&] {
-                      std::vector<char*> argv;
-                      for (std::string& word : words) argv.push_back(&word[0]);
-                      argv.push_back(nullptr);
-                      execvp("bash", argv.data());
-                      return 127;
-                  },
-                  60000),
-              0);
-    return Words(msptest::ReadFile(out));
-}
-
-// Every command, found through the help of msplat and of its groups, has help of its own, a place in the
-// manual page and a completion.
-TEST(Cli, EveryCommandHasHelpAManualEntryAndACompletion) {
-    const std::string manual = msptest::ReadFile(MSPLATFORM_SOURCE_DIR "/tools/msplat/msplat.1");
-    std::vector<std::string> pending = {""};
-    size_t commands = 0;
-    while (!pending.empty()) {
-        const std::string command = pending.back();
-        pending.pop_back();
-        std::vector<std::string> args = Words(command);
-        args.push_back("--help");
-        const msptest::MsplatResult r = Msplat(args);
-        EXPECT_EQ(r.status, 0) << command;
-        EXPECT_NE(r.out.find("Usage: msplat" + (command.empty() ? "" : " " + command)), std::string::npos)
-            << command << "\n"
-            << r.out;
-        EXPECT_EQ(r.err, "") << command;
-        const size_t list = r.out.find("\nSubcommands:\n");
-        if (list == std::string::npos) continue;
-        std::vector<std::string> line = Words(command);
-        line.insert(line.begin(), "msplat");
-        line.push_back("");
-        const std::vector<std::string> offered = Completions(line);
-        std::istringstream subcommands(r.out.substr(list + 14, r.out.find("\n\n", list + 1) - list - 14));
-        for (std::string entry; std::getline(subcommands, entry);) {
-            const std::string name = Words(entry).at(0), path = command.empty() ? name : command + " " + name;
-            pending.push_back(path);
-            ++commands;
-            EXPECT_NE(std::find(offered.begin(), offered.end(), name), offered.end()) << path;
-            EXPECT_TRUE(manual.find("msplat " + path) != std::string::npos ||
-                        manual.find("\\fB" + name + "\\fR") != std::string::npos)
-                << path;
-        }
-    }
-    EXPECT_GE(commands, 25u);
-}
-
-// Parse errors and values out of range: status 2, a message, nothing on standard output.
-TEST(Cli, BadUsage) {
-    std::vector<msptest::Expected> runs;
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {},
-             {"nosuch"},
-             {"config"},
-             {"config", "get", "a"},
-             {"config", "create", "a", "k", "1"},
-             {"config", "create", "a", "k", "1", "--int", "--string"},
-             {"config", "get", "a", "k", "extra"},
-             {"config", "--nosuch", "dump"},
-             {"formats"},
-             {"formats", "ext"},
-             {"tx"},
-             {"walk"},
-             {"walk", std::string(1024, 'x')},
-             {"uuid", "-n", "0"},
-             {"uuid", "-n", "-1"},
-             {"uuid", "-n", "x"},
-             {"log", "--module", "srv", "x"},
-             {"log", "list", "--module", "srv"},
-             {"log", "follow", "--dir", "d", "--config", "c", "--module", "m"},
-             {"log", "follow", "--dir", "d", "--module", "m", "--lines", "-1"},
-             {"config", "apply", "a", "b"}})
-        runs.push_back({args, 2, "", "*"});
-    msptest::ExpectRuns(runs);
-}
-
-// The library's logger and language reader remove their semaphores when their static objects are destroyed.
-// msplat leaves without destroying them, so a run never takes those locks away from the servers.
-TEST(Cli, SharedSemaphoresOutliveARun) {
-    Mutex logger("eventLogger");
-    Mutex language("languageReader");
-    ASSERT_GT(logger.getid(), 0);
-    ASSERT_GT(language.getid(), 0);
-    EXPECT_EQ(Msplat({"uuid"}).status, 0);
+// Help is a result, with 0; bad usage gives 2 and a message. A result that can't be written fails the run:
+// a script must not take a cut dump for the whole one. msplat ends without destroying the library's logger
+// and language reader, whose destructors would remove their semaphores from under the servers.
+TEST(Cli, UsageResultsThatCannotBeWrittenAndTheSharedSemaphores) {
+    Mutex logger("eventLogger"), language("languageReader");
+    std::vector<Expected> runs = {
+        {"--help", 0, "*", ""},
+        {{"walk", ""}, 2, "", "*"},
+        {{"walk", std::string(1024, 'x')}, 2, "", "*"},
+        {{"locks", ""}, 2, "", "msplat: locks: a lock's name has at least one byte\n"}};
+    std::istringstream lines(
+        ";nosuch;config;config get a k extra;config create a k 1;config create a k 1 --int --string"
+        ";config apply a b;tx --config c --language Deutsch x;uuid -n 0;uuid -n 1000001;log --module srv x"
+        ";log --config c x;log list --module srv;log follow --dir d --config c --module m"
+        ";log follow --dir d --module m --lines -1;log follow --dir d --module m --pid 0");
+    for (std::string line; std::getline(lines, line, ';');) runs.push_back({line, 2, "", "*"});
+    ExpectRuns(runs);
+    TempDir dir;
+    EXPECT_EQ(WaitChild(StartMsplat("uuid -n 2000", "/dev/null", "/dev/full", dir.file("err")), 60000), 2);
+    EXPECT_EQ(ReadFile(dir.file("err")), "msplat: standard output: write failed\n");
     EXPECT_EQ(semget(114246, 0, 0), logger.getid());
     EXPECT_EQ(semget(141669, 0, 0), language.getid());
 }
 
+// walk escapes what could break a line; md5 writes what md5sum writes, names it escapes too; missing
+// fields print as "-"; what doesn't exist gives 1, what can't be read 2; the demo runs under $TMPDIR.
+TEST(Cli, CommandsThatRead) {
+    TempDir dir;
+    const std::string odd = "a\\ \x1f\x7f~\n\xc3\xa9", no = ": No such file or directory\n";
+    for (const std::string& name : {odd, std::string("b\r"), std::string("c")})
+        WriteFile(dir.file(name), name);
+    const struct timeval times[2] = {{0, 0}, {1000000000, 0}};
+    ASSERT_EQ(utimes(dir.file(odd).c_str(), times), 0);
+    WriteFile(dir.file("big"), std::string(150000, 'x') + std::string(150000, 'y'));  // more than one read
+    ASSERT_EQ(system(("cd " + dir.path() + " && md5sum big \"$(printf 'b\\r')\" c > sums").c_str()), 0);
+    ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
+    WriteFile(dir.file("sub/MediaFormats.xml"),
+              "<M><F><Extensions>mkv</Extensions><MediaType>v</MediaType><Parser>p"
+              "</Parser></F><F><Parser>q</Parser></F></M>");
+    const std::string ext =
+        "FormatName    -\nExtensions    mkv\nMimeType      -\nMediaType     video\nDLNA_Class"
+        "    -\nDLNA_Profile  -\nTranscode     no\nParser        p\nDAP           -\n";
+    ExpectRuns({{{"md5", "big", "b\r", "c"}, 0, ReadFile(dir.file("sums")), ""},
+                {"md5 no c", 1, "4a8a08f09d37b73795649038408b5f33  c\n", "msplat: md5: no" + no},
+                {"md5 sub no", 2, "", "msplat: md5: sub: Is a directory\nmsplat: md5: no" + no},
+                {"formats --dir sub ext .MKV", 0, ext, ""},
+                {"formats plugins --dir sub", 0, "p\nq\n", ""},
+                {"tx --language X Music", 1, "", "*"}},
+               dir.path());
+    const std::string walk = "\n" + Msplat("walk " + dir.path() + "/").out;
+    EXPECT_NE(walk.find("\nf          9 2001-09-09T01:46:40Z a\\\\ \\x1f\\x7f~\\x0a\xc3\xa9\n"),
+              std::string::npos);
+    EXPECT_NE(walk.find("\nd          - -                    sub\n"), std::string::npos);
+    const MsplatResult demo = Msplat("demo", "", "", {"TMPDIR=" + dir.path()});
+    EXPECT_NE(demo.out.find("remove it with: rm -r " + dir.path() + "/msplat-demo-"), std::string::npos);
+}
+
+class CliLog : public ::testing::Test {
+protected:
+    void Configure(const std::string& size) {
+        WriteFile(config_, "[srv]\nlogMode=1\nlogVerbosity=0\nlogFilesCount=2\nlogFileSize=" + size +
+                               "\nlogFilePath=\"" + logs_ + "\"\n");
+    }
+    void SetUp() override { Configure("99999"); }
+    TempDir dir_;
+    const std::string config_ = dir_.file("MediaServer.cfg"), logs_ = dir_.file("logs");
+};
+
 // With no lock object to be had, the library prints "cfg initialize failed to get mutex" on standard output
-// wherever the store starts; msplat's results and messages carry none of it.
-TEST(CliOutput, NeverCarriesTheLibrarysMutexLine) {
-    msptest::TempDir dir;
-    const std::string trace = dir.file("trace");
-    msptest::WriteFile(dir.file("log.cfg"),
-                       "[srv]\r\nlogMode=1\r\nlogVerbosity=0\r\nlogFilesCount=2\r\n"
-                       "logFileSize=100000\r\nlogFilePath=\"" +
-                           dir.file("logs") + "\"\r\n");
+// wherever the store starts (the logger's start too); msplat's output carries none of it.
+TEST_F(CliLog, OutputNeverCarriesTheLibrarysMutexLine) {
+    // The preloaded library comes ahead of the sanitizer's runtime.
     const char* asan = getenv("ASAN_OPTIONS");
     const std::vector<std::string> env = {
-        msptest::UnderEmulation() ? "QEMU_SET_ENV=LD_PRELOAD=" MSPLAT_NOLOCK : "LD_PRELOAD=" MSPLAT_NOLOCK,
-        // The preloaded library comes ahead of the sanitizer's runtime.
+        kUnderEmulation ? "QEMU_SET_ENV=LD_PRELOAD=" MSPLAT_NOLOCK : "LD_PRELOAD=" MSPLAT_NOLOCK,
         std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0",
-        "MSPLAT_NOLOCK_TRACE=" + trace};
-    for (const auto& [args, input, out] :
-         std::vector<std::tuple<std::vector<std::string>, std::string, std::string>>{
-             {{"config", "create", "upnp", "serverName", "NAS", "--string"}, "", ""},
-             {{"config", "apply", "--dry-run"},
-              "[upnp]\nserverName=\"Den\"\n",
-              "[upnp] serverName=\"Den\" (was \"NAS\")\n"},
-             {{"config", "get", "upnp", "serverName"}, "", "NAS\n"},
-             {{"servername"}, "", "NAS\n"},
-             {{"log", "--config", "log.cfg", "--module", "srv", "--", "list"}, "", "*"}}) {
-        const msptest::MsplatResult r = Msplat(args, dir.path(), input, env);
-        EXPECT_EQ(r.status, 0) << args[0] << " " << r.err;
-        if (out == "*")
-            EXPECT_EQ(r.out.rfind(dir.file("logs") + "/serverLog.srv.", 0), 0u) << r.out;
-        else
-            EXPECT_EQ(r.out, out);
-        EXPECT_EQ(r.err.find("mutex"), std::string::npos) << r.err;
+        "MSPLAT_NOLOCK_TRACE=" + dir_.file("trace")};
+    const MsplatResult log = Msplat("log --config MediaServer.cfg --module srv m", dir_.path(), "", env);
+    EXPECT_EQ(log.out.substr(0, logs_.size() + 15) + log.err, logs_ + "/serverLog.srv.");
+    EXPECT_GE(ReadFile(dir_.file("trace")).size(), 1u);  // no lock object could be had
+}
+
+// Each run prints the path of the new file it wrote its line to, the words taken as they are; a message that
+// would be cut or split is refused.
+TEST_F(CliLog, OneLine) {
+    const std::string at = "msplat: log: ", longest = "100% %s" + std::string(1016, 'y');
+    const std::regex name(logs_ + R"(/serverLog\.srv\.\d\d-\d\d-\d{4}\.\d{6}\.\d{3}\.txt\n)");
+    const MsplatResult first = Msplat("log --config MediaServer.cfg --module srv first", dir_.path()),
+                       r = Msplat({"log", "--config", config_, "--module", "srv", "100%", longest.substr(5)});
+    EXPECT_TRUE(std::regex_match(first.out, name) && std::regex_match(r.out, name) && r.out != first.out)
+        << r.out;
+    EXPECT_TRUE(
+        std::regex_match(ReadFile(r.out.substr(0, r.out.size() - 1)),
+                         std::regex(R"(\d\d-\d\d-\d{4} : \d\d:\d\d:\d\d\.\d{3}\t : )" + longest + "\n")));
+    ExpectRuns({{{"MediaServer.cfg", "two\nlines"}, 2, "", at + "a log line can't hold a line end\n"},
+                {{"MediaServer.cfg", longest + "y"}, 2, "", at + "a message has 1 to 1023 bytes\n"},
+                {{"MediaServer.cfg", ""}, 2, "", at + "a message has 1 to 1023 bytes\n"}},
+               dir_.path(), "log --module srv --config");
+}
+
+// Oldest first by the last write, then by the times in the names (month first; a name's seconds and
+// milliseconds are two clock readings), without what only looks like the module's: random names, some spoilt.
+TEST_F(CliLog, ListInTheOrderTheLoggerMadeThem) {
+    ASSERT_EQ(mkdir(logs_.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir((logs_ + "/serverLog.srv.01-01-2027.000009.000.txt").c_str(), 0700), 0);
+    const std::regex valid(R"(serverLog\.srv\.(\d\d)-(\d\d)-(\d{4})\.(\d\d)(\d\d)(\d\d)\.(\d{3})\.txt)");
+    const char* stamps[] = {"2026-12-31T23:59:59", "2027-01-01T00:00:00", "2027-01-01T00:00:01"};
+    std::mt19937 random(29);
+    std::vector<std::tuple<int, long, std::string, std::string>> files;  // the order, then the line
+    for (int size = 1; size <= 40; ++size) {
+        char name[64], line[128];
+        snprintf(name, sizeof name, "serverLog.%s.%02d-%02d-%04d.%02d%02d%02d.%03d.txt",
+                 size % 9 ? "srv" : "srx", int(1 + random() % 12), int(1 + random() % 28),
+                 int(2026 + random() % 2), int(random() % 24), int(random() % 60), int(random() % 60),
+                 int(random() % 1000));
+        if (random() % 3 == 0) name[random() % strlen(name)] = "0-.x"[random() % 4];  // spoilt, or not
+        const int later = random() % 3;  // a few times of last write, so that they tie
+        const long micros = random() % 2 * 500000;
+        const struct timeval times[2] = {{1798761599 + later, micros}, {1798761599 + later, micros}};
+        WriteFile(logs_ + "/" + name, std::string(size, 'x'));
+        ASSERT_EQ(utimes((logs_ + "/" + name).c_str(), times), 0);
+        snprintf(line, sizeof line, "%10d %s logs/%s\n", size, stamps[later], name);
+        std::cmatch m;
+        if (std::regex_match(name, m, valid))
+            files.emplace_back(later, micros, m.format("$3$1$2$4$5$6$7"), line);
     }
-    // No lock object could be had, in any of the runs.
-    EXPECT_GE(msptest::ReadFile(trace).size(), 5u);
+    std::sort(files.begin(), files.end());
+    std::string list;
+    for (const auto& file : files) list += std::get<3>(file);
+    setenv("TZ", "UTC", 1);  // for msplat, which prints local times
+    ExpectRuns(
+        {{"log list --dir logs --module srv", 0, list, ""}, {"log list --dir logs --module s", 1, "", "*"}},
+        dir_.path());
+}
+
+// A process logs bursts of lines that rotate the file twice each, with two files kept, so that the file being
+// followed is deleted and a look finds two new files; last comes a line written in two parts. The follower
+// prints every line once, whole and in order, and ends after the process; --lines reaches back across files.
+TEST_F(CliLog, FollowSeesEveryLineOnceAcrossRotations) {
+    // Lines of 38 bytes, a new file after every third. A burst ends a line before a rotation, so that the
+    // next file is made once the follower has caught up (one made and deleted between two looks is lost).
+    Configure("114");
+    ASSERT_EQ(mkdir(logs_.c_str(), 0700), 0);
+    const std::string out = dir_.file("out"), err = dir_.file("err");
+    std::string expected;
+    for (int i = 100; i < 129; ++i) expected += "\t : line " + std::to_string(i) + "\n";
+    expected += "\t : partial\n";
+    // The messages that a follower of `args` prints while `body` runs beside it, and once it has ended.
+    auto follow = [&](const std::string& args, const std::function<bool()>& body) {
+        WriteFile(out, "");
+        const pid_t child = StartChild([&] { return body() ? 0 : 1; });
+        const pid_t follower = StartMsplat(args + " --pid " + std::to_string(child), "/dev/null", out, err);
+        EXPECT_EQ(WaitChild(child, 300000), 0);
+        EXPECT_EQ(WaitChild(follower, 60000), 0) << ReadFile(err);
+        return std::regex_replace(ReadFile(out), std::regex(".*\t : "), "\t : ");
+    };
+    auto logger = [&] {
+        if (initializeLogger(const_cast<char*>(config_.c_str()), const_cast<char*>("srv")) != 1) return false;
+        for (int i = 100; i < 129;) {
+            for (int end = i + (i == 100 ? 5 : 6); i < end; ++i) eventLogOut("line %d", i);
+            // The next burst once the follower has printed this one.
+            for (int wait = 0; ReadFile(out).find("line " + std::to_string(i - 1)) == std::string::npos;
+                 ++wait)
+                if (wait == 6000 || usleep(10000) != 0) return false;
+        }
+        fputs("\t : part", eventLogger.logFile);
+        fflush(eventLogger.logFile);
+        usleep(300000);  // a few looks at the part
+        return fputs("ial\n", eventLogger.logFile) >= 0 && fflush(eventLogger.logFile) == 0;
+    };
+    EXPECT_EQ(follow("log follow --dir " + logs_ + " --module srv --lines 1000", logger), expected);
+    // The newest file holds the last three lines, the other the three before them.
+    EXPECT_EQ(follow("log follow --config " + config_ + " --module srv --lines 4", [] { return true; }),
+              expected.substr(expected.find("\t : line 126")));
+}
+
+// A lock held by a child while another waits, and a name without a set; reading changes nothing.
+TEST(Cli, LocksHeldByAChildWithAWaiter) {
+    const std::string name = "msplatCliLocksTest", none = "msplatCliLocksNone";
+    ASSERT_EQ(semget(182655, 0, 0), -1);  // the key of `none`, the sum of its bytes times 99
+    Mutex lock(name.c_str());             // the only object that removes the set, at the end of the test
+    Pipe held, release;
+    // The children use the parent's object: one of their own would remove the set when they end.
+    const pid_t holder = StartChild([&] {
+        lock.lock();
+        held.Send();
+        const bool released = release.Wait(120000);
+        lock.unlock();
+        return released ? 0 : 1;
+    });
+    ASSERT_TRUE(held.Wait(60000));
+    const pid_t waiter = StartChild([&] { return lock.lock(), lock.unlock(), 0; });
+    for (int i = 0; i < 3000 && semctl(lock.getid(), 0, GETNCNT) != 1; ++i) usleep(10000);
+    const std::string command = Words(ReadFile("/proc/" + std::to_string(holder) + "/comm"))[0];
+    EXPECT_TRUE(std::regex_match(
+        Msplat("locks " + name + " " + none).out,
+        std::regex("NAME +KEY +SET +STATE +PID +COMMAND +WAITERS +LAST-OP\n" + name + " 184239  " +
+                   std::to_string(lock.getid()) + " +held +" + std::to_string(holder) + " +" + command +
+                   " +1 +\\d{4}-[-\\dT:]+\n" + none + " 182655  none +- +- +- +- +-\n")));
+    EXPECT_EQ(semctl(lock.getid(), 0, GETVAL), 0);
+    EXPECT_EQ(semctl(lock.getid(), 0, GETPID), holder);
+    EXPECT_EQ(semget(182655, 0, 0), -1);  // made nothing
+    release.Send();
+    EXPECT_EQ(WaitChild(holder, 60000), 0);
+    EXPECT_EQ(WaitChild(waiter, 60000), 0);
 }
 
 }  // namespace

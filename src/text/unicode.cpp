@@ -4,29 +4,15 @@
 #include <string.h>
 #include <wchar.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 // These run on every directory entry the server walks. Short texts go through single passes that find the
 // terminator as they go; past their first 64 units, the two conversions between UTF-8 and wide text measure
 // the rest, so that they can read it a block at a time without ever touching a byte behind the terminator.
 
 namespace {
-
-uint64_t Load64(const void* p) {
-    uint64_t word;
-    memcpy(&word, p, sizeof word);
-    return word;
-}
-
-constexpr uint64_t kHighBits = 0x8080808080808080u;
-
-// Index of the first byte, in memory order, whose top bit is set in `high` (which holds top bits only, at
-// least one of them).
-unsigned FirstHighByte(uint64_t high) {
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    return static_cast<unsigned>(__builtin_clzll(high)) >> 3;
-#else
-    return static_cast<unsigned>(__builtin_ctzll(high)) >> 3;
-#endif
-}
 
 // Stores the four bytes of `bytes` in memory from its lowest byte up, whatever the byte order.
 void Store32LowFirst(unsigned char* p, uint32_t bytes) {
@@ -81,6 +67,126 @@ DecodePositions DecodeBytes(const unsigned char* in, wchar_t* out, const wchar_t
     return {in, out, true};
 }
 
+// One sequence by the decoding rule, with four bytes or more left before the end: no test for the end.
+inline const unsigned char* DecodeSequence(const unsigned char* in, wchar_t*& out) {
+    const uint32_t lead = in[0];
+    const uint32_t next = in[1];
+    if (lead < 0xC0 || (next & 0x80) == 0) {
+        *out++ = static_cast<wchar_t>(lead);
+        return in + 1;
+    }
+    if (lead < 0xE0) {
+        *out++ = static_cast<wchar_t>(((lead ^ 0xC0) << 6) | (next ^ 0x80));
+        return in + 2;
+    }
+    if (lead < 0xF0) {
+        *out++ = static_cast<wchar_t>(((lead ^ 0xE0) << 12) | ((next ^ 0x80) << 6) | (in[2] ^ 0x80u));
+        return in + 3;
+    }
+    *out++ = static_cast<wchar_t>(((lead ^ 0xF0) << 18) | ((next ^ 0x80) << 12) | ((in[2] ^ 0x80u) << 6) |
+                                  (in[3] ^ 0x80u));
+    return in + 4;
+}
+
+#if defined(__SSE2__)
+
+// Decodes from `in` (a character's start, 64 units or more behind the text's start) to the terminator,
+// measuring first, in blocks of 16 bytes while 64 bytes or more are left. A block of ASCII, two- and
+// three-byte sequences that follow the usual UTF-8 layout (every continuation byte claimed by its lead, no
+// byte from 0xF0) decodes by the rule to what it decodes to in the usual way: every byte position gets the
+// value of a character ending there, and the positions where one does end are kept. The block's cost
+// doesn't depend on where its characters change width, so mixed text has no branch to mispredict. Any
+// other block goes by the rule one sequence at a time.
+wchar_t* DecodeLong(const unsigned char* in, wchar_t* out) {
+    const unsigned char* const end = in + strlen(reinterpret_cast<const char*>(in));
+    const __m128i zero = _mm_setzero_si128();
+    uint32_t carry = 0;  // bit 0 and 1: this block's first bytes, claimed by a lead of the block before
+    while (end - in >= 64) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+        const uint32_t high = static_cast<uint32_t>(_mm_movemask_epi8(x));
+        if ((high | carry) == 0) {
+            const __m128i low8 = _mm_unpacklo_epi8(x, zero), high8 = _mm_unpackhi_epi8(x, zero);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi16(low8, zero));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4), _mm_unpackhi_epi16(low8, zero));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpacklo_epi16(high8, zero));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 12), _mm_unpackhi_epi16(high8, zero));
+            in += 16;
+            out += 16;
+            continue;
+        }
+        // Signed compares: 0x80..0xBF lie below -64, leads from 0xE0 above -33, from 0xF0 above -17.
+        const __m128i isCont = _mm_cmplt_epi8(x, _mm_set1_epi8(-64));
+        const uint32_t cont = static_cast<uint32_t>(_mm_movemask_epi8(isCont));
+        const uint32_t lead3 =
+            high & static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpgt_epi8(x, _mm_set1_epi8(-33))));
+        const uint32_t lead4 =
+            high & static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpgt_epi8(x, _mm_set1_epi8(-17))));
+        const uint32_t claimed = carry | ((high & ~cont) << 1) | (lead3 << 2);
+        if ((claimed & 0xFFFFu) != cont || lead4 != 0) {
+            // From the lead that the carry stands for (one byte back, or two behind a continuation byte),
+            // by the rule, past this block.
+            if (carry & 1) in -= in[-1] >= 0xC0 ? 1 : 2;
+            for (const unsigned char* stop = in + 16; in < stop;) in = DecodeSequence(in, out);
+            carry = 0;
+            continue;
+        }
+        // A character ending at a position: the byte itself (ASCII) or its low six bits, the byte before's
+        // six under a continuation byte (a two-byte lead's sixth bit is 0), the lead's four from two back
+        // under two continuation bytes. Values stay below 0x10000, 16 bits a position.
+        const __m128i before = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in - 1));
+        const __m128i twoBack = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in - 2));
+        const __m128i beforeIsCont = _mm_cmplt_epi8(before, _mm_set1_epi8(-64));
+        alignas(16) uint32_t value[16];
+        for (int half = 0; half < 2; ++half) {
+            const auto widen = [&](__m128i v, __m128i with) {
+                return half == 0 ? _mm_unpacklo_epi8(v, with) : _mm_unpackhi_epi8(v, with);
+            };
+            const __m128i c = widen(isCont, isCont), cb = widen(beforeIsCont, beforeIsCont);
+            const __m128i own = _mm_and_si128(
+                widen(x, zero), _mm_xor_si128(_mm_set1_epi16(0x7F), _mm_and_si128(c, _mm_set1_epi16(0x40))));
+            const __m128i prior =
+                _mm_and_si128(_mm_slli_epi16(_mm_and_si128(widen(before, zero), _mm_set1_epi16(0x3F)), 6), c);
+            const __m128i lead =
+                _mm_and_si128(_mm_slli_epi16(_mm_and_si128(widen(twoBack, zero), _mm_set1_epi16(0x0F)), 12),
+                              _mm_and_si128(c, cb));
+            const __m128i v = _mm_or_si128(own, _mm_or_si128(prior, lead));
+            _mm_store_si128(reinterpret_cast<__m128i*>(value + 8 * half), _mm_unpacklo_epi16(v, zero));
+            _mm_store_si128(reinterpret_cast<__m128i*>(value + 8 * half + 4), _mm_unpackhi_epi16(v, zero));
+        }
+        // Every value is stored; the output moves on where a character ends (the next byte isn't claimed).
+        const uint32_t ends = ~(claimed >> 1);
+#pragma GCC unroll 16
+        for (int k = 0; k < 16; ++k) {
+            *out = static_cast<wchar_t>(value[k]);
+            out += (ends >> k) & 1;
+        }
+        carry = claimed >> 16;
+        in += 16;
+    }
+    if (carry & 1) in -= in[-1] >= 0xC0 ? 1 : 2;  // back to the lead of the character not yet stored
+    return DecodeBytes(in, out, nullptr).out;
+}
+
+#else
+
+uint64_t Load64(const void* p) {
+    uint64_t word;
+    memcpy(&word, p, sizeof word);
+    return word;
+}
+
+constexpr uint64_t kHighBits = 0x8080808080808080u;
+
+// Index of the first byte, in memory order, whose top bit is set in `high` (which holds top bits only, at
+// least one of them).
+unsigned FirstHighByte(uint64_t high) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    return static_cast<unsigned>(__builtin_clzll(high)) >> 3;
+#else
+    return static_cast<unsigned>(__builtin_ctzll(high)) >> 3;
+#endif
+}
+
 // Decodes from `in` to the terminator, measuring first: while 64 bytes or more are left, at least 16 units
 // are still to come (no sequence is longer than four bytes), so 16 units may be stored ahead and the bytes of
 // any sequence read without a test for the end.
@@ -105,26 +211,13 @@ wchar_t* DecodeLong(const unsigned char* in, wchar_t* out) {
         // end. The input moves on by constants that branches choose, not by a loaded length, so the
         // processor runs ahead on its predictions.
         do {
-            const uint32_t lead = in[0];
-            const uint32_t next = in[1];
-            if (lead < 0xC0 || (next & 0x80) == 0) {
-                *out++ = static_cast<wchar_t>(lead);
-                in += 1;
-            } else if (lead < 0xE0) {
-                *out++ = static_cast<wchar_t>(((lead ^ 0xC0) << 6) | (next ^ 0x80));
-                in += 2;
-            } else if (lead < 0xF0) {
-                *out++ = static_cast<wchar_t>(((lead ^ 0xE0) << 12) | ((next ^ 0x80) << 6) | (in[2] ^ 0x80u));
-                in += 3;
-            } else {
-                *out++ = static_cast<wchar_t>(((lead ^ 0xF0) << 18) | ((next ^ 0x80) << 12) |
-                                              ((in[2] ^ 0x80u) << 6) | (in[3] ^ 0x80u));
-                in += 4;
-            }
+            in = DecodeSequence(in, out);
         } while ((in[0] & 0x80) != 0 && end - in >= 4);
     }
     return DecodeBytes(in, out, nullptr).out;
 }
+
+#endif
 
 // Encodes one unit by its low 16 bits.
 unsigned char* EncodeUnit(uint32_t unit, unsigned char* out) {

@@ -1,5 +1,3 @@
-// The wide conversions against small models of their rules, over generated texts biased to the cases that
-// matter, each output in a block of exactly the size asked for that ends at a page without access.
 #include "msplatform/unicode.h"
 
 #include <stdint.h>
@@ -30,23 +28,18 @@ struct Guarded : msptest::GuardedBytes {
     std::vector<T> all() { return std::vector<T>(data(), data() + size() / sizeof(T)); }
 };
 
-// What a conversion must leave in a block of `size` elements: the result, the text, its terminator, and the
-// fill behind them untouched.
-template <typename T>
-std::pair<int, std::vector<T>> Expected(std::vector<T> text, size_t size) {
+// The result and the whole block of `size` elements (filled with 0xA5 bytes) that `convert` leaves, against
+// the model's text, its terminator and the fill behind them.
+template <typename T, typename Convert>
+::testing::AssertionResult Leaves(std::vector<T> text, size_t size, Convert convert) {
+    Guarded<T> out(size);
+    const int n = convert(out.data()), expected = static_cast<int>(text.size());
     T fill;
     memset(&fill, 0xA5, sizeof fill);
-    const int n = static_cast<int>(text.size());
     text.push_back(0);
     text.resize(size, fill);
-    return {n, text};
-}
-
-template <typename T, typename Convert>
-std::pair<int, std::vector<T>> Into(size_t size, Convert convert) {
-    Guarded<T> out(size);
-    const int n = convert(out.data());
-    return {n, out.all()};
+    if (n == expected && text == out.all()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "result " << n << ", expected " << expected;
 }
 
 // The models. Decoding looks at the lead byte and the top bit of the next byte only; later bytes are taken
@@ -83,6 +76,7 @@ Bytes Encode(const Units& units) {
 
 // Swaps the two low bytes of each unit up to the first without a high byte, which keeps its low byte alone.
 Units Swapped(Units units) {
+    units.push_back(0);
     for (wchar_t& u : units) {
         const uint32_t h = (static_cast<uint32_t>(u) >> 8) & 0xFF, b = static_cast<uint32_t>(u) & 0xFF;
         u = static_cast<wchar_t>(h ? h + (b << 8) : b);
@@ -100,35 +94,27 @@ int Counted(const Bytes& text, int length) {
 }
 
 TEST(Unicode, ModelsAgreeWithTheDocumentedRowsAndNullPointersFail) {
-    EXPECT_EQ(Units({0x63, 0xE9}), Decode({0x63, 0xE9}));
+    EXPECT_EQ(Units({0, 0x1F600, 0x63, 0xE9}), Decode({0xC0, 0x80, 0xF0, 0x9F, 0x98, 0x80, 0x63, 0xE9}));
     EXPECT_EQ(Units({0x4E80}), Decode({0xE4, 0xB8}));
-    EXPECT_EQ(Units({0x1F600, 0x1F080}), Decode({0xF0, 0x9F, 0x98, 0x80, 0xF0, 0x9F}));
-    EXPECT_EQ(Units({0, 0x208000}), Decode({0xC0, 0x80, 0xF8, 0x88, 0x80, 0x80}));
+    EXPECT_EQ(Units({0x1F080}), Decode({0xF0, 0x9F}));
     EXPECT_EQ(Bytes({0xEF, 0x98, 0x80, 0, 0xC3, 0xBF}), Encode({0x1F600, 0x10000, 0xFF}));
-    EXPECT_EQ(Units({0x41, 0x43, 0x4400}), Swapped({0x4100, 0x0043, 0x4400}));
+    EXPECT_EQ(Units({0x41, 0x43, 0x4400, 0}), Swapped({0x4100, 0x0043, 0x4400}));
     EXPECT_EQ(1, Counted({0xE4, 0xB8, 0x41}, 2));
     wchar_t wide[1] = {7};
     unsigned char bytes[1] = {7};
     char narrow[1] = {7};
-    const int results[] = {Convert_CHAR_UCS(nullptr, wide),
-                           Convert_CHAR_UCS("a", nullptr),
-                           Convert_CHAR_UCS(nullptr, wide, 1),
-                           Convert_CHAR_UCS("a", nullptr, 1),
-                           Convert_UCS_UTF8(nullptr, bytes),
-                           Convert_UCS_UTF8(L"a", nullptr),
-                           Convert_UTF8_UCS(nullptr, wide),
-                           Convert_UTF8_UCS(bytes, nullptr),
-                           Convert_UCS_CHAR(nullptr, narrow),
-                           Convert_UCS_CHAR(L"a", nullptr),
-                           Change_BOM(nullptr),
-                           -UCS_Length(nullptr, 10) - 1};
-    for (int r : results) EXPECT_EQ(-1, r);
+    EXPECT_EQ(-11, Convert_CHAR_UCS(nullptr, wide) + Convert_CHAR_UCS("a", nullptr) +
+                       Convert_CHAR_UCS(nullptr, wide, 1) + Convert_CHAR_UCS("a", nullptr, 1) +
+                       Convert_UCS_UTF8(nullptr, bytes) + Convert_UCS_UTF8(L"a", nullptr) +
+                       Convert_UTF8_UCS(nullptr, wide) + Convert_UTF8_UCS(bytes, nullptr) +
+                       Convert_UCS_CHAR(nullptr, narrow) + Convert_UCS_CHAR(L"a", nullptr) +
+                       Change_BOM(nullptr) - UCS_Length(nullptr, 10));
     EXPECT_TRUE(wide[0] == 7 && bytes[0] == 7 && narrow[0] == 7);
 }
 
-// Bytes: ASCII runs across every alignment of the block loops, sequences of every length (overlong,
-// surrogate and above 0x10FFFF ones among them), cut ones, lone continuation bytes, leads before ASCII, any
-// byte; often a lead cut by the end.
+// Bytes: ASCII runs across every alignment of the block loops, sequences of every length, cut, overlong,
+// surrogate and above 0x10FFFF ones, lone continuation bytes, leads before ASCII; often a lead cut by the
+// end.
 Bytes RandomBytes(std::mt19937& random, size_t length) {
     auto pick = [&](uint32_t n) { return static_cast<unsigned char>(random() % n); };
     static const Bytes kOdd[] = {{0xC0, 0x80},       {0xE0, 0x80, 0x80},       {0xF0, 0x80, 0x80, 0x80},
@@ -137,40 +123,29 @@ Bytes RandomBytes(std::mt19937& random, size_t length) {
     const bool highOnly = random() % 4 == 0;  // long runs without ASCII, to the end
     while (b.size() < length) {
         const uint32_t kind = highOnly ? "\2\3\4\7"[random() % 4] : random() % 8,
-                       n = 1 + random() % (kind < 2    ? 90
-                                           : kind == 7 ? 6
-                                                       : 4);
+                       n = 1 + random() % (kind < 2 ? 90 : 6);
         for (uint32_t k = 0; k < n && kind < 2; ++k) b.push_back(1 + pick(127));
         if (kind == 2 || kind == 3)
             b.push_back(n == 1 ? 0xC0 | pick(32) : n == 2 ? 0xE0 | pick(16) : 0xF0 | pick(16));
         for (uint32_t k = 0; k < n + (kind == 2) - 1 && (kind == 2 || kind == 3); ++k)
             b.push_back(0x80 | pick(64));
         for (uint32_t k = 0; k < n && kind == 4; ++k) b.push_back(0x80 | pick(64));
-        if (kind == 5)
-            b.insert(b.end(), {static_cast<unsigned char>(0xC0 + pick(64)),
-                               static_cast<unsigned char>(1 + pick(127))});
+        if (kind == 5) b.push_back(0xC0 + pick(64)), b.push_back(1 + pick(127));
         for (uint32_t k = 0; k < n && kind == 6; ++k) b.push_back(1 + pick(255));
-        if (kind == 7) b.insert(b.end(), kOdd[n % 6].begin(), kOdd[n % 6].end());
+        if (kind == 7) b.insert(b.end(), kOdd[n - 1].begin(), kOdd[n - 1].end());
     }
     b.resize(length);
     if (length > 0 && random() % 2) b[length - 1 - random() % std::min<size_t>(length, 3)] = 0xC0 + pick(64);
     return b;
 }
 
-// Units: runs of one width each (ASCII, two and three bytes, surrogates, above 0xFFFF, any 32 bits), some
-// with a zero low half.
+// Units: runs of one width each (ASCII, two and three bytes, above 0xFFFF, any 32 bits); a zero low half.
 Units RandomUnits(std::mt19937& random, size_t length) {
-    static const uint32_t kBases[] = {0, 0x80, 0x800, 0xD800, 0x10000, 0},
-                          kSpans[] = {0x80, 0x780, 0xF800, 0x800, 0x100000, 0};
+    static const uint32_t kTops[] = {0x80, 0x800, 0x10000, 0x110000, 0xFFFFFFFF};
     Units u;
-    while (u.size() < length) {
-        const uint32_t kind = random() % 6;
-        for (uint32_t n = 1 + random() % (kind == 0 ? 90 : 8); n > 0; --n) {
-            const uint32_t v =
-                kSpans[kind] ? kBases[kind] + random() % kSpans[kind] : static_cast<uint32_t>(random());
-            u.push_back(static_cast<wchar_t>(v ? v : 0x10000));
-        }
-    }
+    while (u.size() < length)
+        for (uint32_t top = kTops[random() % 5], n = 1 + random() % (top == 0x80 ? 90 : 8), v; n > 0; --n)
+            v = static_cast<uint32_t>(random()) % top, u.push_back(static_cast<wchar_t>(v ? v : 0x10000));
     u.resize(length);
     return u;
 }
@@ -191,29 +166,22 @@ TEST(Unicode, ConversionsFollowTheModels) {
         Guarded<unsigned char> source(text, true);
         Guarded<wchar_t> wide(units, true);
 
+        const char* chars = reinterpret_cast<const char*>(source.data());
         const Units decoded = Decode(text);
-        ASSERT_EQ(Expected(decoded, exact ? decoded.size() + 1 : n + 1),
-                  Into<wchar_t>(exact ? decoded.size() + 1 : n + 1,
-                                [&](wchar_t* d) { return Convert_UTF8_UCS(source.data(), d); }))
-            << ::testing::PrintToString(text);
-        const Units widened(text.begin(), text.end());
-        ASSERT_EQ(Expected(widened, n + 1), Into<wchar_t>(n + 1, [&](wchar_t* d) {
-                      return Convert_CHAR_UCS(reinterpret_cast<const char*>(source.data()), d);
-                  }));
+        ASSERT_TRUE(Leaves(decoded, exact ? decoded.size() + 1 : n + 1, [&](wchar_t* d) {
+            return Convert_UTF8_UCS(source.data(), d);
+        })) << ::testing::PrintToString(text);
+        ASSERT_TRUE(Leaves(Units(text.begin(), text.end()), n + 1,
+                           [&](wchar_t* d) { return Convert_CHAR_UCS(chars, d); }));
         const Bytes encoded = Encode(units);
-        const size_t encodedSize = exact ? encoded.size() + 1 : 3 * m + 1;
-        ASSERT_EQ(Expected(encoded, encodedSize),
-                  Into<unsigned char>(encodedSize,
-                                      [&](unsigned char* d) { return Convert_UCS_UTF8(wide.data(), d); }))
-            << round;
+        ASSERT_TRUE(Leaves(encoded, exact ? encoded.size() + 1 : 3 * m + 1, [&](unsigned char* d) {
+            return Convert_UCS_UTF8(wide.data(), d);
+        })) << round;
         std::vector<char> narrowed;
         for (wchar_t u : units) narrowed.push_back(static_cast<char>(u & 0xFF));
-        ASSERT_EQ(Expected(narrowed, m + 1),
-                  Into<char>(m + 1, [&](char* d) { return Convert_UCS_CHAR(wide.data(), d); }));
+        ASSERT_TRUE(Leaves(narrowed, m + 1, [&](char* d) { return Convert_UCS_CHAR(wide.data(), d); }));
         ASSERT_EQ(static_cast<int>(m), Change_BOM(wide.data()));
-        Units swapped = Swapped(units);
-        swapped.push_back(0);
-        ASSERT_EQ(swapped, wide.all()) << round;
+        ASSERT_EQ(Swapped(units), wide.all()) << round;
 
         // Counted forms read exactly `count` bytes of a block of that size, zero bytes included.
         Bytes withZeros(text);
@@ -222,10 +190,9 @@ TEST(Unicode, ConversionsFollowTheModels) {
         const size_t kept = count > 0 ? static_cast<size_t>(count) : 0;
         Guarded<unsigned char> counted(Bytes(withZeros.begin(), withZeros.begin() + kept), false);
         ASSERT_EQ(Counted(withZeros, count), UCS_Length(counted.data(), count));
-        ASSERT_EQ(Expected(Units(withZeros.begin(), withZeros.begin() + kept), kept + 1),
-                  Into<wchar_t>(kept + 1, [&](wchar_t* d) {
-                      return Convert_CHAR_UCS(reinterpret_cast<const char*>(counted.data()), d, count);
-                  }));
+        ASSERT_TRUE(Leaves(Units(withZeros.begin(), withZeros.begin() + kept), kept + 1, [&](wchar_t* d) {
+            return Convert_CHAR_UCS(reinterpret_cast<const char*>(counted.data()), d, count);
+        }));
     }
 }
 

@@ -1,5 +1,4 @@
-// The store through its flat functions and the manager's line steps, against real files in a temporary
-// directory, compared with a model of the file format's rules; then the server identity helpers.
+// The store and the server identity helpers against real files in temporary directories.
 #include "msplatform/ZvCfgCtrlMgr.h"
 #include "msplatform/commonAPIs.h"
 
@@ -95,8 +94,7 @@ TEST_F(ConfigFile, InitialisationAndRefusedOperations) {
     EXPECT_EQ("[S]\nk=1\ns=\"v\"\n", msptest::ReadFile(path));
 }
 
-// ---- the model: sections of keys, each key with its value as the writer puts it ----
-
+// The model: sections of keys, each key with its value as the writer puts it.
 using Keys = std::vector<std::pair<std::string, std::string>>;
 using Store = std::vector<std::pair<std::string, Keys>>;
 
@@ -292,8 +290,6 @@ TEST_F(ConfigFile, WhatCannotBeReadWholeIsNotReplaced) {
     EXPECT_EQ(content, msptest::ReadFile(unreadable));
 }
 
-// ---- the server identity helpers, on "MediaServer.cfg" in the working directory ----
-
 // The scan paths from `file` (none: the file as it is), or the code and whether *paths was touched.
 std::string ScanPaths(const std::string& file = "") {
     if (!file.empty()) msptest::WriteFile("MediaServer.cfg", file);
@@ -341,9 +337,9 @@ TEST(CommonApis, ServerNameFromTheHostName) {
     ASSERT_EQ(0, getComputerName(name, 128));
     const std::string host = name;
     memset(name, 'x', sizeof name);
-    EXPECT_EQ("-1 -1 -1 x", Codes({getComputerName(name, static_cast<int>(host.size())),
-                                   getComputerName(nullptr, 9), getComputerName(name, -5)}) +
-                                name[host.size()]);
+    EXPECT_EQ("-1 -1 -1 ", Codes({getComputerName(name, static_cast<int>(host.size())),
+                                  getComputerName(nullptr, 9), getComputerName(name, -5)}));
+    EXPECT_EQ('x', name[host.size()]);
     const std::string cases[][2] = {
         {"", "[upnp]\r\nserverName=\"" + host + "\"\r\n\r\n"},
         {"[upnp]\nserverName=\"\"\nport=80\n", "[upnp]\r\nserverName=\"" + host + "\"\r\nport=80\r\n\r\n"},

@@ -116,10 +116,14 @@ Bytes RandomBytes(std::mt19937& random, size_t length) {
     static const Bytes kOdd[] = {{0xC0, 0x80},       {0xE0, 0x80, 0x80},       {0xF0, 0x80, 0x80, 0x80},
                                  {0xED, 0xA0, 0x80}, {0xF4, 0x90, 0x80, 0x80}, {0xFF, 0xBF, 0xBF, 0xBF}};
     Bytes b;
-    const bool highOnly = random() % 4 == 0;  // long runs without ASCII, to the end
+    const uint32_t flavour = random() % 4;  // 0: long runs without ASCII, to the end; 1: plain text
     while (b.size() < length) {
-        const uint32_t kind = highOnly ? "\2\3\4\7"[random() % 4] : random() % 8,
-                       n = 1 + random() % (kind < 2 ? 90 : 6);
+        const uint32_t kind = flavour == 0   ? "\2\3\4\7"[random() % 4]
+                              : flavour == 1 ? 2 * (random() % 2)
+                                             : random() % 8,
+                       n = 1 + random() % (kind < 2       ? (flavour == 1 ? 4 : 90)
+                                           : flavour == 1 ? 2
+                                                          : 6);
         for (uint32_t k = 0; k < n && kind < 2; ++k) b.push_back(1 + pick(127));
         if (kind == 2 || kind == 3)
             b.push_back(n == 1 ? 0xC0 | pick(32) : n == 2 ? 0xE0 | pick(16) : 0xF0 | pick(16));

@@ -108,6 +108,12 @@ private:
     const char* text_ = nullptr;
 };
 
+// The key of a lock name: the sum of its bytes (each 0 to 255) times 99.
+key_t LockKey(const std::string& name);
+// A lock name of the test's own: `stem` and the pid, with dots behind until no semaphore set has its key, so
+// that runs side by side, and the services' four locks, stay apart.
+std::string LockName(const std::string& stem);
+
 // One-byte signals between processes (made before the fork), with a time-out on the reading side.
 class Pipe {
 public:

@@ -4,12 +4,10 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/ipc.h>
 #include <sys/sem.h>
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <future>
 #include <string>
 #include <thread>
@@ -21,36 +19,30 @@
 namespace {
 
 using std::chrono::milliseconds;
-constexpr int kWaitMs = 30000;
 
+// The value of a set, -1 once it is gone.
 int Value(int id) {
     return ::semctl(id, 0, GETVAL);
 }
 
-// The key of a set, -1 once it is gone.
-key_t KeyOfSet(int id) {
-    struct semid_ds ds;
-    return ::semctl(id, 0, IPC_STAT, &ds) == 0 ? ds.sem_perm.__key : -1;
-}
-
-std::future<void> Start(const std::function<void()>& body) {
-    return std::async(std::launch::async, body);
-}
+// Threads that take a lock for a moment, counting the holders they find inside.
+struct Section {
+    std::atomic<int> inside{0}, overlaps{0};
+    std::atomic<pthread_t> last{};  // the thread that started last
+    std::future<void> Pass(Mutex& m) {
+        return std::async(std::launch::async, [&] {
+            last = ::pthread_self();
+            m.lock();
+            overlaps += inside.exchange(1);
+            std::this_thread::sleep_for(milliseconds(2));
+            inside = 0;
+            m.unlock();
+        });
+    }
+};
 bool Within(std::future<void>& done, int ms) {
     return done.wait_for(milliseconds(ms)) == std::future_status::ready;
 }
-
-// A critical section that counts the holders it finds inside.
-struct Section {
-    std::atomic<int> inside{0}, overlaps{0};
-    void Pass(Mutex& m) {
-        m.lock();
-        overlaps += inside.exchange(1);
-        std::this_thread::sleep_for(milliseconds(2));
-        inside = 0;
-        m.unlock();
-    }
-};
 
 // The key is the byte sum (bytes 0 to 255) times 99, so an anagram shares the set. It starts free, and unlock
 // never raises it above 1. No name, or an empty one, gets a private set that starts free.
@@ -60,7 +52,7 @@ TEST(Mutex, KeyFirstValueAndUnlock) {
     const int id = m.getid();
     ASSERT_GT(id, 0);
     EXPECT_EQ(id, anagram.getid());
-    EXPECT_EQ(msptest::LockKey(name), KeyOfSet(id));
+    EXPECT_EQ(id, ::semget(msptest::LockKey(name), 0, 0));
     std::string values = std::to_string(Value(id));
     m.lock();
     values += std::to_string(Value(id));
@@ -70,10 +62,7 @@ TEST(Mutex, KeyFirstValueAndUnlock) {
     for (Mutex* p : {&a, &b, &c}) {
         ASSERT_GT(p->getid(), 0);
         EXPECT_EQ(1, Value(p->getid()));
-        p->lock();  // would block for ever on a set left at 0
-        p->unlock();
     }
-    EXPECT_TRUE(a.getid() != b.getid() && b.getid() != c.getid() && a.getid() != c.getid());
 }
 
 // In a fresh IPC namespace the first set gets the id 0, which counts as none: it is spent and another made.
@@ -82,96 +71,51 @@ TEST(Mutex, FirstIdOfAFreshSystemIsSpentAndAnInertLockDoesNotBlock) {
     const int rc = msptest::RunChild(
         [] {
             if (::unshare(CLONE_NEWIPC) != 0) return 77;
-            Mutex m("mutex.fresh");
-            if (m.getid() <= 0 || Value(m.getid()) != 1) return 1;
-            msptest::WriteFile("/proc/sys/kernel/sem", "250 32000 32 1");  // room for m's set alone
-            Mutex inert("mutex.inert");
+            msptest::WriteFile("/proc/sys/kernel/sem", "250 32000 32 1");  // room for one set
+            Mutex m("mutex.fresh"), inert("mutex.inert");
             inert.lock();
-            inert.lock();
-            inert.unlock();
-            return inert.getid() <= 0 && Value(m.getid()) == 1 ? 0 : 2;
+            return m.getid() > 0 && Value(m.getid()) == 1 && inert.getid() <= 0 ? 0 : 1;
         },
-        kWaitMs);
+        30000);
     if (rc == 77) GTEST_SKIP() << "needs a new IPC namespace";
     EXPECT_EQ(0, rc);
 }
 
-// The destructor takes the set before removing it; a holder of its own process that never gives it back is
-// waited for half a second and loses it all the same. The threads that waited attach again by the name, to
-// one new set that excludes them, the object left on the removed set and objects built later.
-TEST(Mutex, RemovalWaitsBoundedAndWaitersFollowTheName) {
+// While a holder keeps the set, its waiters go on neither at a signal nor after the grace for never freed
+// sets, and the destructor of another object waits half a second before it removes the set all the same.
+// Then the waiters attach again by the name. A set at 0 on which no semop ever succeeded (its maker died
+// before freeing it) is removed after the grace and made again. All objects of the name end on one set.
+TEST(Mutex, RemovedAndNeverFreedSetsAreFollowedByTheNameAndAHeldOneIsNot) {
     const std::string name = msptest::LockName("mutex.follow");
     Mutex holder(name.c_str()), waiters(name.c_str());
     Mutex* owner = new Mutex(name.c_str());
-    const int first = owner->getid();
     holder.lock();
     Section section;
-    {
-        auto removal = Start([&] { delete owner; });
-        auto a = Start([&] { section.Pass(waiters); }), b = Start([&] { section.Pass(waiters); });
-        EXPECT_FALSE(Within(removal, 300)) << "the set went while it was held";
-        EXPECT_TRUE(Within(removal, 1500)) << "the removal waits for ever";
+    ::signal(SIGUSR1, [](int) {});
+    auto removal = std::async(std::launch::async, [&] { delete owner; });
+    auto a = section.Pass(waiters), b = section.Pass(waiters);
+    for (int i = 0; i < 4; ++i) {
+        std::this_thread::sleep_for(milliseconds(90));
+        if (pthread_t waiter = section.last) ::pthread_kill(waiter, SIGUSR1);
     }
-    EXPECT_EQ(0, section.overlaps.load());
-    const int second = waiters.getid();
-    EXPECT_EQ(-1, KeyOfSet(first));
-    EXPECT_EQ(msptest::LockKey(name), KeyOfSet(second));
-    waiters.lock();
-    holder.unlock();  // on the removed set: the new one stays held
-    EXPECT_EQ(0, Value(second));
-    auto late = Start([&] { holder.lock(); });
-    EXPECT_FALSE(Within(late, 100));
-    waiters.unlock();
-    EXPECT_TRUE(Within(late, kWaitMs));
-    holder.unlock();
-    EXPECT_EQ(second, holder.getid());
-    EXPECT_EQ(second, Mutex(name.c_str()).getid());
-}
+    EXPECT_FALSE(Within(removal, 0)) << "the set went while it was held";
+    EXPECT_FALSE(Within(a, 0) || Within(b, 0)) << "a signal, or the grace, let a waiter through";
+    EXPECT_TRUE(Within(removal, 1500)) << "the removal waits for ever";
+    EXPECT_TRUE(Within(a, 30000) && Within(b, 30000)) << "the waiters stay on a removed set";
+    ::signal(SIGUSR1, SIG_DFL);
 
-void Ignore(int) {}
-
-// A waiter on a held set goes on neither at a signal nor after the grace for never freed sets. A set at 0 on
-// which no semop ever succeeded is one whose maker died before freeing it: the waiters remove it after the
-// grace, one of them makes it again, and they exclude each other there.
-TEST(Mutex, NeverFreedSetIsMadeAgainAndAHeldOneIsNot) {
-    const std::string name = msptest::LockName("mutex.unfreed");
-    {
-        struct sigaction ignore = {}, before;
-        ignore.sa_handler = Ignore;
-        ::sigaction(SIGUSR1, &ignore, &before);
-        Mutex a(name.c_str()), b(name.c_str());
-        a.lock();
-        std::atomic<pthread_t> waiter{};
-        auto waiting = Start([&] {
-            waiter = ::pthread_self();
-            b.lock();
-        });
-        for (int i = 0; i < 7; ++i) {
-            std::this_thread::sleep_for(milliseconds(100));
-            ::pthread_kill(waiter, SIGUSR1);
-        }
-        EXPECT_FALSE(Within(waiting, 0)) << "a signal, or the grace, let the waiter through";
-        a.unlock();
-        EXPECT_TRUE(Within(waiting, kWaitMs));
-        b.unlock();
-        ::sigaction(SIGUSR1, &before, nullptr);
-    }
+    // The holder, still on the removed set, and the waiters meet a set that was made and never freed.
+    ::semctl(waiters.getid(), 0, IPC_RMID);
     const int unfreed = ::semget(msptest::LockKey(name), 1, IPC_CREAT | IPC_EXCL | 0660);
-    ASSERT_GT(unfreed, 0);
-    Mutex c(name.c_str()), d(name.c_str());
-    Section section;
     const auto start = std::chrono::steady_clock::now();
-    {
-        auto first = Start([&] { section.Pass(c); }), second = Start([&] { section.Pass(d); });
-        const bool through = Within(first, kWaitMs) && Within(second, kWaitMs);
-        EXPECT_TRUE(through) << "a set never freed blocks for ever";
-        if (!through) ::semctl(unfreed, 0, SETVAL, 2);  // lets the threads end
-    }
+    auto c = section.Pass(holder), d = section.Pass(waiters);
+    EXPECT_TRUE(Within(c, 30000) && Within(d, 30000)) << "a set never freed blocks for ever";
     const auto waited = std::chrono::steady_clock::now() - start;
     EXPECT_TRUE(waited >= milliseconds(200) && waited < milliseconds(1000));
+    EXPECT_EQ(-1, Value(unfreed)) << "the set never freed is still there";
+    ::semctl(unfreed, 0, IPC_RMID);  // lets the threads end after a fault
     EXPECT_EQ(0, section.overlaps.load());
-    EXPECT_EQ(-1, KeyOfSet(unfreed));
-    EXPECT_EQ(c.getid(), d.getid());
+    EXPECT_TRUE(holder.getid() == waiters.getid() && holder.getid() == Mutex(name.c_str()).getid());
 }
 
 }  // namespace

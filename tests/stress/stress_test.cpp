@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -51,8 +52,7 @@ char* C(const std::string& s) {
     return const_cast<char*>(s.c_str());
 }
 
-// A zeroed T that processes share: in the file `path` (made when `create`), which processes started from
-// this binary map too.
+// A zeroed T in the file `path` (made when `create`), shared with every process that maps it.
 template <typename T>
 T* MapShared(const std::string& path, bool create) {
     const int fd = ::open(path.c_str(), O_RDWR | (create ? O_CREAT | O_TRUNC : 0), 0600);
@@ -108,7 +108,6 @@ TEST(LockStress, ProcessesMakingOneSetAtOnceExcludeEachOther) {
     EXPECT_EQ(0, msptest::WaitChild(first, kChildMs));
     EXPECT_EQ(0, msptest::WaitChild(second, kChildMs)) << "the second maker freed a held lock";
     ::semctl(::semget(msptest::LockKey(name), 0, 0), 0, IPC_RMID);
-    ::munmap(inside, sizeof *inside);
 }
 
 // A process that got the lock by waiting holds it: a destructor elsewhere gives up on the set after half a
@@ -117,7 +116,6 @@ TEST(LockStress, ASetHeldElsewhereOutlivesADestructorAndItsKilledHolder) {
     const std::string name = msptest::LockName("stress.held");
     Mutex* m = new Mutex(name.c_str());
     const int id = m->getid();
-    ASSERT_GT(id, 0);
     m->lock();
     msptest::Pipe holding;
     const pid_t holder = msptest::StartChild([&] {
@@ -145,9 +143,8 @@ TEST(LockStress, ASetHeldElsewhereOutlivesADestructorAndItsKilledHolder) {
 
 // ---- log lines of several processes
 
-// Reads the log files of `dir`: each line whole, each file ending with a whole line, and in a file each
-// writer's lines one after the other. A writer is "<process>.<thread>", its lines numbered from 0. Returns
-// the lines of each writer.
+// Checks the log files of `dir`: each line whole, each file ending with one, and in a file the lines of each
+// writer ("<process>.<thread>", numbering them from 0) one after the other. Returns the lines of each writer.
 std::map<std::string, int> CheckLogs(const std::string& dir) {
     const std::regex whole(
         std::string(R"(\d\d-\d\d-\d{4} : \d\d:\d\d:\d\d\.\d{3}\t : (\w+\.\d) line (\d+) )") + kPayload);
@@ -225,26 +222,22 @@ struct Board {
     std::atomic<int> lastSet[kSlots], logged[kSlots];  // each slot's last value, and its log lines
 };
 
-int Tid() {
-    return static_cast<int>(::syscall(SYS_gettid));
-}
-
 // Takes `m` and marks this thread inside `lock`. Another thread found inside is an overlap, unless it is a
 // peer that was killed while holding.
 void Enter(LockBoard& lock, Mutex& m) {
     m.lock();
-    int inside = lock.holder.exchange(Tid());
+    int inside = lock.holder.exchange(::gettid());
     if (inside != 0 && !lock.doomed.compare_exchange_strong(inside, 0)) ++lock.overlaps;
 }
 
 void Leave(LockBoard& lock, Mutex& m) {
-    int me = Tid();
+    int me = ::gettid();
     if (!lock.holder.compare_exchange_strong(me, 0)) ++lock.overlaps;
     m.unlock();
 }
 
-// Starts the four services in `dir` (the caller's process, which is a child of the test), and makes the
-// process's own objects of the four locks, never destroyed: only the services remove their sets.
+// Starts the four services in `dir`, and the process's own objects of the four locks: never destroyed, so
+// that only the services remove their sets.
 bool StartServices(const std::string& dir, Mutex** mine) {
     const std::string config = dir + "/MediaServer.cfg";
     for (int n = 0; n < 4; ++n) mine[n] = new Mutex(kLockNames[n]);
@@ -279,33 +272,28 @@ void Work(Board& board, Mutex** mine, int slot, int steps) {
     }
 }
 
-// A long-lived process: its threads work until the board says stop.
-int LongLived(Board& board, const std::string& dir, int p) {
-    Mutex* mine[4];
-    if (!StartServices(dir, mine)) return 1;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] { Work(board, mine, p * kThreads + t, 0); });
-    for (std::thread& thread : threads) thread.join();
-    return 0;
-}
-
-// A peer, in a process of its own started from this binary: "normal <n>", "holding <lock>" or "unfreed
-// <lock>".
-void Peer(Board& board, const std::string& dir, const std::string& role, int n) {
-    if (role == "normal") {
+// A peer, a process of its own started from this binary: "normal <n>", "holding <lock>" or "unfreed <lock>".
+TEST(LockChurn, Peer) {
+    const char* dir = getenv("MSPLATFORM_CHURN_DIR");
+    if (!dir) GTEST_SKIP() << "a process that LockChurn starts";
+    Board* board = MapShared<Board>(std::string(dir) + "/board", false);
+    ASSERT_NE(nullptr, board);
+    char role[16] = {};
+    int n = -1;
+    sscanf(getenv("MSPLATFORM_CHURN_ROLE"), "%15s %d", role, &n);
+    if (role == std::string("normal")) {
         static Mutex* mine[4];
         ASSERT_TRUE(StartServices(dir, mine));
-        Work(board, mine, kLongLived * kThreads + n % 20, 16);
+        Work(*board, mine, kLongLived * kThreads + n % 20, 16);
         MF_UnInitialize();
         deinitializeConfig();
         return;  // the process exits normally: the logger's and the language reader's sets go
     }
-    LockBoard& lock = board.locks[n];
-    if (role == "holding") {
+    LockBoard& lock = board->locks[n];
+    if (role == std::string("holding")) {
         Enter(lock, *new Mutex(kLockNames[n]));
         std::this_thread::sleep_for(std::chrono::milliseconds(400));  // past the grace for never freed sets
-        lock.doomed = Tid();
+        lock.doomed = ::gettid();
     } else {
         // Removed the way a destructor does, then made again and left at 0, as by a creator killed before its
         // SETVAL. A waiter that makes it again first takes the place: then once more.
@@ -318,35 +306,20 @@ void Peer(Board& board, const std::string& dir, const std::string& role, int n) 
     ::raise(SIGKILL);
 }
 
-TEST(LockChurn, Peer) {
-    const char* role = getenv("MSPLATFORM_CHURN_ROLE");
-    const char* dir = getenv("MSPLATFORM_CHURN_DIR");
-    if (!role || !dir) GTEST_SKIP() << "a process that LockChurn starts";
-    Board* board = MapShared<Board>(std::string(dir) + "/board", false);
-    ASSERT_NE(nullptr, board);
-    std::istringstream words(role);
-    std::string kind;
-    int n = -1;
-    words >> kind >> n;
-    Peer(*board, dir, kind, n);
-}
-
 // Starts this binary again as a peer with `role`; its output goes to the file "<role>.out" of the directory.
 pid_t StartPeer(const msptest::TempDir& dir, const std::string& role) {
-    std::vector<std::string> command;
-    std::istringstream emulator(MSPLATFORM_EMULATOR);
-    for (std::string word; emulator >> word;) command.push_back(word);
-    char self[4096] = {};
-    if (::readlink("/proc/self/exe", self, sizeof self - 1) <= 0) return -1;
-    command.insert(command.end(), {self, "--gtest_filter=LockChurn.Peer"});
-    const std::string settings[] = {"MSPLATFORM_CHURN_ROLE=" + role, "MSPLATFORM_CHURN_DIR=" + dir.path()};
-    const std::string out = dir.file(role + ".out");
     return msptest::StartChild([&] {
-        for (const std::string& setting : settings) putenv(const_cast<char*>(setting.c_str()));
-        const int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (fd < 0 || ::dup2(fd, 1) < 0 || ::dup2(fd, 2) < 0) return 126;
+        ::setenv("MSPLATFORM_CHURN_ROLE", role.c_str(), 1);
+        ::setenv("MSPLATFORM_CHURN_DIR", dir.path().c_str(), 1);
+        const int fd = ::open(dir.file(role + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        char self[4096] = {};
+        if (fd < 0 || ::dup2(fd, 1) < 0 || ::dup2(fd, 2) < 0 || ::readlink("/proc/self/exe", self, 4095) <= 0)
+            return 126;
+        std::istringstream emulator(MSPLATFORM_EMULATOR);
+        std::vector<std::string> words{std::istream_iterator<std::string>(emulator), {}};
+        words.insert(words.end(), {self, "--gtest_filter=LockChurn.Peer"});
         std::vector<char*> argv;
-        for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
+        for (std::string& word : words) argv.push_back(word.data());
         argv.push_back(nullptr);
         ::execvp(argv[0], argv.data());
         return 127;
@@ -374,10 +347,17 @@ TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
         mine[n] = new Mutex(kLockNames[n]);
     }
 
-    const long long start = NowMs();
     std::vector<pid_t> longLived;
     for (int p = 0; p < kLongLived; ++p)
-        longLived.push_back(msptest::StartChild([&, p] { return LongLived(*board, dir.path(), p); }));
+        longLived.push_back(msptest::StartChild([&, p] {  // its threads work until the board says stop
+            Mutex* own[4];
+            if (!StartServices(dir.path(), own)) return 1;
+            std::vector<std::thread> threads;
+            for (int t = 0; t < kThreads; ++t)
+                threads.emplace_back([&, t] { Work(*board, own, p * kThreads + t, 0); });
+            for (std::thread& thread : threads) thread.join();
+            return 0;
+        }));
     int afterDeath[4] = {0, 0, 0, 0};
     for (int round = 0; round < rounds; ++round) {
         // Two peers start and exit normally; a third dies holding a lock, or between making it and freeing
@@ -401,16 +381,15 @@ TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
     }
     board->stop = 1;
     for (pid_t pid : longLived) EXPECT_EQ(0, msptest::WaitChild(pid, kChildMs));
-    printf("lock churn: %d rounds in %lld ms, %d operations\n", rounds, NowMs() - start,
-           board->operations.load());
+    printf("lock churn: %d rounds, %d operations\n", rounds, board->operations.load());
 
     // Every line is there, and every key holds the last value set to it.
     std::map<std::string, int> seen = CheckLogs(dir.file("logs"));
     ASSERT_EQ(CFG_OK, initializeConfig(dir.file("MediaServer.cfg").c_str()));
     for (int slot = 0; slot < kSlots; ++slot) {
         const std::string key = "K" + std::to_string(slot);
-        int value = -1;
-        EXPECT_EQ(CFG_OK, getConfigInt(C("churn"), C(key), value));
+        int value = -1;  // where the key cannot be read
+        getConfigInt(C("churn"), C(key), value);
         EXPECT_EQ(board->lastSet[slot], value) << key;
         EXPECT_EQ(board->logged[slot], seen[key + ".0"]) << key;
     }

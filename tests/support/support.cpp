@@ -194,18 +194,6 @@ RepeatedText::~RepeatedText() {
     if (base_) ::munmap(base_, size_);
 }
 
-key_t LockKey(const std::string& name) {
-    unsigned int sum = 0;
-    for (unsigned char c : name) sum += c;
-    return static_cast<key_t>(sum * 99u);
-}
-
-std::string LockName(const std::string& stem) {
-    std::string name = stem + "." + std::to_string(::getpid());
-    while (::semget(LockKey(name), 0, 0) != -1 || errno == EACCES) name += '.';
-    return name;
-}
-
 Pipe::Pipe() {
     if (::pipe(fd_) != 0) throw std::runtime_error("pipe failed");
 }
@@ -224,6 +212,18 @@ bool Pipe::Wait(int timeoutMs) {
     if (::poll(&p, 1, timeoutMs) != 1) return false;
     char c;
     return ::read(fd_[0], &c, 1) == 1;
+}
+
+key_t LockKey(const std::string& name) {
+    unsigned int sum = 0;
+    for (unsigned char c : name) sum += c;
+    return static_cast<key_t>(sum * 99u);
+}
+
+std::string LockName(const std::string& stem) {
+    std::string name = stem + "." + std::to_string(::getpid());
+    while (::semget(LockKey(name), 0, 0) != -1 || errno == EACCES) name += '.';
+    return name;
 }
 
 }  // namespace msptest

@@ -108,12 +108,6 @@ private:
     const char* text_ = nullptr;
 };
 
-// The key of a lock name: the sum of its bytes (each 0 to 255) times 99.
-key_t LockKey(const std::string& name);
-// A lock name of the test's own: `stem` and the pid, with dots behind until no semaphore set has its key, so
-// that runs side by side, and the services' four locks, stay apart.
-std::string LockName(const std::string& stem);
-
 // One-byte signals between processes (made before the fork), with a time-out on the reading side.
 class Pipe {
 public:
@@ -129,5 +123,11 @@ public:
 private:
     int fd_[2] = {-1, -1};
 };
+
+// The key of a lock name: the sum of its bytes (each 0 to 255) times 99.
+key_t LockKey(const std::string& name);
+// A lock name of the test's own: `stem` and the pid, with dots behind until no semaphore set has its key, so
+// that runs side by side, and the services' four locks, stay apart.
+std::string LockName(const std::string& stem);
 
 }  // namespace msptest

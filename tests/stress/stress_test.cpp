@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -83,7 +84,6 @@ TEST(LockStress, ProcessesMakingOneSetAtOnceExcludeEachOther) {
     const std::string name = msptest::LockName("stress.race");
     msptest::TempDir dir;
     std::atomic<int>* inside = MapShared<std::atomic<int>>(dir.file("inside"), true);
-    ASSERT_NE(nullptr, inside);
     msptest::Pipe atCreate, held;
     const pid_t second = msptest::StartChild([&] {
         beforeCreate = [&] {
@@ -350,6 +350,7 @@ TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
     std::vector<pid_t> longLived;
     for (int p = 0; p < kLongLived; ++p)
         longLived.push_back(msptest::StartChild([&, p] {  // its threads work until the board says stop
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);           // or until this process ends
             Mutex* own[4];
             if (!StartServices(dir.path(), own)) return 1;
             std::vector<std::thread> threads;

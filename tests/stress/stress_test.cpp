@@ -282,7 +282,7 @@ TEST(LockChurn, Peer) {
     int n = -1;
     sscanf(getenv("MSPLATFORM_CHURN_ROLE"), "%15s %d", role, &n);
     if (role == std::string("normal")) {
-        static Mutex* mine[4];
+        static Mutex* mine[4];  // still reachable at exit, for the leak check
         ASSERT_TRUE(StartServices(dir, mine));
         Work(*board, mine, kLongLived * kThreads + n % 20, 16);
         MF_UnInitialize();

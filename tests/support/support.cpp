@@ -3,11 +3,14 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <ftw.h>
+#include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/sem.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -209,6 +212,18 @@ bool Pipe::Wait(int timeoutMs) {
     if (::poll(&p, 1, timeoutMs) != 1) return false;
     char c;
     return ::read(fd_[0], &c, 1) == 1;
+}
+
+key_t LockKey(const std::string& name) {
+    unsigned int sum = 0;
+    for (unsigned char c : name) sum += c;
+    return static_cast<key_t>(sum * 99u);
+}
+
+std::string LockName(const std::string& stem) {
+    std::string name = stem + "." + std::to_string(::getpid());
+    while (::semget(LockKey(name), 0, 0) != -1 || errno == EACCES) name += '.';
+    return name;
 }
 
 }  // namespace msptest

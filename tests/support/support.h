@@ -124,4 +124,10 @@ private:
     int fd_[2] = {-1, -1};
 };
 
+// The key of a lock name: the sum of its bytes (each 0 to 255) times 99.
+key_t LockKey(const std::string& name);
+// A lock name of the test's own: `stem` and the pid, with dots behind until no semaphore set has its key, so
+// that runs side by side, and the services' four locks, stay apart.
+std::string LockName(const std::string& stem);
+
 }  // namespace msptest

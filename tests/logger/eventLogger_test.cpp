@@ -80,7 +80,10 @@ protected:
 // The stamp, written without printf, reads as printf writes it, in the 26 bytes callers give, for times of
 // every size and milliseconds out of range; a time localtime can't convert leaves the buffer and makes no
 // file. A line: the stamp, "\t : ", the message to its length or first zero byte, a long one from the heap.
-TEST_F(LoggerTest, StampAndLinesReadAsPrintfWritesThem) {
+// A new file is created exclusively: a name taken within the millisecond waits for the next one's; a clock
+// that stands still gives up after a bounded wait with none open, never emptying a file of that name. The new
+// file opens before the full one closes: threads meeting a rotation at every line lose none.
+TEST_F(LoggerTest, StampsLinesAndNewFilesLoseNothing) {
     std::mt19937_64 random(6);
     ZvEventLogger logger;
     for (int round = 0; round < 20000; ++round) {
@@ -93,28 +96,48 @@ TEST_F(LoggerTest, StampAndLinesReadAsPrintfWritesThem) {
         if (localtime_r(&seconds, &t))
             snprintf(printed, sizeof printed, "%02d-%02d-%04lld : %02d:%02d:%02d.%03d", t.tm_mon + 1,
                      t.tm_mday, t.tm_year + 1900LL, t.tm_hour, t.tm_min, t.tm_sec, milliseconds);
-        const size_t n =
-            std::min<size_t>(strlen(printed), 25) + (printed[0] != 0);  // cut, with its terminator
-        printed[25] = '\0';
-        const std::string expected = std::string(printed, n) + std::string(26 - n, 'Z');
+        printed[25] = '\0';                                             // cut as the 26 bytes cut it
+        const size_t n = strlen(printed) + (printed[0] != 0);           // with its terminator, if written
         char* stamp = static_cast<char*>(memset(malloc(26), 'Z', 26));  // a write past the 26 bytes is caught
         ASSERT_EQ(logger.currentdatetime(stamp), int(strlen(printed))) << seconds << " " << milliseconds;
-        ASSERT_EQ(std::string(stamp, 26), expected) << seconds << " " << milliseconds;
+        ASSERT_EQ(std::string(stamp, 26), std::string(printed, n) + std::string(26 - n, 'Z')) << seconds;
         free(stamp);
     }
     Place(logger, logs_);
     seconds = time_t(INT64_MAX);  // beyond localtime with a 64-bit time_t
     EXPECT_TRUE(sizeof(time_t) < 8 || (!logger.createnewlogfile() && ListDir(logs_).empty()));
     seconds = 2100000000, milliseconds = 42;
-    logger.createnewlogfile();
+    logger.createnewlogfile();  // no node: the list is empty
     char stamp[26];
     const std::string s = std::string(stamp, logger.currentdatetime(stamp)) + "\t : ", longer(5000, 'm');
     for (const std::string& m : {std::string("1% %s"), std::string(), std::string("ab\0c", 4), longer})
         Log(logger, m);
     Log(logger, "abcdef", 3), Log(logger, "none", -1);
-    const std::string text = msptest::ReadFile(logs_ + "/" + ListDir(logs_).at(0));
+    const std::string first = ListDir(logs_).at(0), text = msptest::ReadFile(logs_ + "/" + first);
     EXPECT_EQ(text, s + "1% %s\n" + s + "\n" + s + "ab\n" + s + longer + "\n" + s + "abc\n" + s + "\n");
     EXPECT_EQ(logger.currentFileBytes, int(text.size()));
+    Add(logger, "serverLog.x", 1);
+    milliseconds = 42, step = 1;
+    fileInfo* node = logger.createnewlogfile();
+    EXPECT_EQ(std::make_tuple(std::string(node->name), node->size, node->time, node->next),
+              std::make_tuple(std::string(first).replace(first.size() - 7, 3, "043"), 0u, uint32_t(seconds),
+                              nullptr));
+    free(node->name), free(node);
+    milliseconds = 43, step = 0;
+    EXPECT_TRUE(!logger.createnewlogfile() && !logger.logFile &&
+                msptest::ReadFile(logs_ + "/" + first) == text);
+    step = 1, logger.logFileSize = 0, logger.logFilesCount = 100000;
+    logger.addnode(logger.createnewlogfile());
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 100; ++i) Log(logger, std::to_string(100 * t + i));
+        });
+    for (std::thread& thread : threads) thread.join();
+    std::vector<std::string> seen;  // one line a file
+    for (const std::string& name : ListDir(logs_)) seen.push_back(Messages(name));
+    for (int line = 0; line < 400; ++line)
+        EXPECT_EQ(std::count(seen.begin(), seen.end(), std::to_string(line) + "|"), 1) << line;
 }
 
 // What a start and some lines leave: the entries (a log file by its messages), the count, the current file's
@@ -190,9 +213,8 @@ TEST_F(LoggerTest, StartsThatCannotReadOrMakeGiveZeroAndMakeNothing) {
 }
 
 // Deleting takes the files that taking the oldest (by unsigned time, nearest the head) one at a time would,
-// keeps the rest in order and counts them off, over a path beyond 256 bytes. One beyond the system's limit is
-// not unlinked, but its node goes. 300,000 nodes go by one sort, not a walk each, under the machine-wide
-// lock.
+// keeps the rest in order and counts them off, over a path beyond 256 bytes; one beyond the system's limit is
+// not unlinked, but its node goes. 300,000 nodes go by one sort, not a walk each, under the machine lock.
 TEST_F(LoggerTest, DeletionTakesTheOldestFirst) {
     ZvEventLogger logger;
     Place(logger, logs_ + std::string(300, '/'));
@@ -209,13 +231,11 @@ TEST_F(LoggerTest, DeletionTakesTheOldestFirst) {
             model.erase(std::min_element(model.begin(), model.end(),
                                          [](auto& x, auto& y) { return x.first < y.first; }));
         logger.deleteoldlogfiles();
-        std::vector<std::string> kept, listed;
-        for (const auto& entry : model) kept.push_back(entry.second);
-        for (fileInfo* n = logger.fileList; n; n = n->next) listed.push_back(n->name);
-        ASSERT_EQ(std::make_pair(listed, logger.currentFilesCount), std::make_pair(kept, count)) << round;
-        std::sort(kept.begin(), kept.end());
-        ASSERT_EQ(ListDir(logs_), kept) << round;
-        for (const std::string& file : kept) ::unlink((logs_ + "/" + file).c_str());
+        std::vector<std::pair<uint32_t, std::string>> listed;
+        for (fileInfo* n = logger.fileList; n; n = n->next) listed.push_back({n->time, n->name});
+        ASSERT_EQ(std::make_pair(listed, logger.currentFilesCount), std::make_pair(model, count)) << round;
+        for (const auto& kept : model) ASSERT_EQ(0, ::unlink((logs_ + "/" + kept.second).c_str())) << round;
+        ASSERT_EQ(ListDir(logs_), std::vector<std::string>{}) << round;  // the others went
         logger.clearnodes();
     }
     free(logger.logFilePath);
@@ -229,48 +249,12 @@ TEST_F(LoggerTest, DeletionTakesTheOldestFirst) {
                 ListDir(logs_) == std::vector<std::string>{"serverLog.kept"});
 }
 
-// A new file is created exclusively: a name taken within the millisecond waits for the next one's; a clock
-// that stands still gives up after a bounded wait with none open, never emptying a file of that name. The new
-// file opens before the full one closes: threads meeting a rotation at every line lose none.
-TEST_F(LoggerTest, ANewFileNeverEmptiesOneOfItsNameAndRotationsLoseNoLine) {
-    ZvEventLogger logger;
-    Place(logger, logs_).createnewlogfile();  // no node: the list is empty
-    Log(logger, "kept");
-    const std::string first = ListDir(logs_).at(0),
-                      second = std::string(first).replace(first.size() - 7, 3, "043");
-    Add(logger, "serverLog.x", 1);
-    milliseconds = 42, step = 1;
-    fileInfo* node = logger.createnewlogfile();
-    ASSERT_NE(node, nullptr);
-    EXPECT_EQ(std::make_tuple(std::string(node->name), node->size, node->time, node->next),
-              std::make_tuple(second, 0u, uint32_t(seconds), nullptr));
-    free(node->name), free(node);
-    milliseconds = 43, step = 0;
-    EXPECT_TRUE(!logger.createnewlogfile() && !logger.logFile && Messages(first) == "kept|");
-    step = 1, logger.logFileSize = 0, logger.logFilesCount = 100000;
-    logger.addnode(logger.createnewlogfile());
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 100; ++i) Log(logger, std::to_string(100 * t + i));
-        });
-    for (std::thread& thread : threads) thread.join();
-    std::string seen;
-    for (const std::string& name : ListDir(logs_)) seen += "|" + Messages(name);
-    for (int line = 0; line < 400; ++line) {
-        const std::string m = "|" + std::to_string(line) + "|";
-        EXPECT_TRUE(seen.find(m) != std::string::npos && seen.find(m) == seen.rfind(m)) << line;
-    }
-}
-
 // Each allocation of a start and its lines fails in turn, until a run needs no failure: no crash, no lock
 // left held (the line behind would hang), no leak for the leak check.
 TEST_F(LoggerTest, EachFailedAllocationIsSurvivedAndLeaksNothing) {
     static int left;
     eventLoggerAlloc = [](size_t size) { return left == 0 ? nullptr : (left -= left > 0, malloc(size)); };
     step = 1;
-    ::mkdir(logs_.c_str(), 0755);
-    msptest::WriteFile(logs_ + "/serverLog.old", "x");
     char* cfg = Config(1, 2, 100, logs_);
     for (int allowed = 0; left <= 0; ++allowed) {
         ASSERT_LT(allowed, 200);

@@ -1,5 +1,6 @@
 #include "support/support.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <ftw.h>
@@ -7,9 +8,11 @@
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -112,6 +115,19 @@ void WriteFile(const std::string& path, const std::string& bytes) {
 
 bool FileExists(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
+}
+
+std::vector<std::string> ListDir(const std::string& dir) {
+    std::vector<std::string> names;
+    DIR* stream = ::opendir(dir.c_str());
+    for (struct stat64 status; const dirent64* e = stream ? ::readdir64(stream) : nullptr;) {
+        const std::string name = e->d_name;
+        if (name == "." || name == ".." || ::stat64((dir + "/" + name).c_str(), &status) != 0) continue;
+        names.push_back(S_ISDIR(status.st_mode) ? name + "/" : name);
+    }
+    if (stream) ::closedir(stream);
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 CaptureFd::CaptureFd(int fd) : fd_(fd) {

@@ -1,11 +1,16 @@
+// ZvString against a model, null (no text) or a text, over random runs of operations on two strings.
 #include "msplatform/zvString.h"
 
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+#include <optional>
+#include <random>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -13,215 +18,83 @@
 
 namespace {
 
-// The interface takes char* but never writes through an argument: literals, on read-only pages, hold it to
-// it.
+using Model = std::optional<std::string>;
+
+// The interface takes char* but never writes through it: literals, on read-only pages, hold it to that.
 char* T(const char* text) {
     return const_cast<char*>(text);
 }
 
-std::string Of(const char* text) {
-    return text != nullptr ? text : "<null>";
-}
-std::string Of(ZvString& s) {
-    return Of(s.c_str());
-}
-
-// Swaps the allocator behind ZvString for the scope: it counts requests and fails while `failing` is set.
-struct AllocatorSeam {
-    static inline int requests;
-    static inline bool failing;
-    AllocatorSeam() {
-        requests = 0;
-        failing = false;
-        msptext::zvStringReallocate = [](void* old, size_t size) -> void* {
-            ++requests;
-            return failing ? nullptr : ::realloc(old, size);
-        };
-    }
-    ~AllocatorSeam() { msptext::zvStringReallocate = saved; }
-    msptext::Reallocate saved = msptext::zvStringReallocate;
-};
-
-// Null (no buffer) and empty differ: a null string gains nothing by appends and equals nothing.
-TEST(ZvString, NullEmptyAndTextAcrossCopiesComparisonsAndAppends) {
-    const struct {
-        const char *left, *right, *sum;
-        int equal;
-    } cases[] = {{nullptr, nullptr, nullptr, 0},
-                 {nullptr, "", nullptr, 0},
-                 {nullptr, "x", nullptr, 0},
-                 {"", nullptr, "", 0},
-                 {"", "", "", 1},
-                 {"", "x", "x", 0},
-                 {"abc", nullptr, "abc", 0},
-                 {"abc", "abc", "abcabc", 1},
-                 {"abc", "abd", "abcabd", 0}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(Of(c.left) + " and " + Of(c.right));
-        ZvString left(T(c.left)), right(T(c.right)), copy(left);
-        ZvString plus = left + right, plusText = left + T(c.right);
-        EXPECT_EQ(Of(left), Of(c.left));
-        EXPECT_EQ(Of(copy), Of(c.left));
-        if (c.left != nullptr) {
-            EXPECT_TRUE(left.c_str() != c.left && copy.c_str() != left.c_str());
+// The null string gains nothing by appends and equals nothing; assigning its own text, a tail of it or the
+// string itself (by a move too) keeps that text; indexing never reaches the last byte; find takes a set of
+// bytes; substr hands out a new zeroed block of 2 * length + 1 bytes, positions kept inside the text, and one
+// byte for a null string.
+TEST(ZvString, FollowsItsModelOverRandomOperations) {
+    const char* texts[] = {nullptr, "", "a", "Ab", "abc", "cab", "MiX d\xE9\xC9", " x1"};
+    std::mt19937 random(3);
+    for (int run = 0; run < 400; ++run) {
+        ZvString s[2];
+        Model m[2];
+        for (int step = 0; step < 10; ++step) {
+            const int i = random() % 2, k = random() % 2, op = random() % 11;
+            const char* t = texts[random() % 8];
+            ZvString& a = s[i];
+            Model& x = m[i];
+            const Model other = m[k];  // before the operation: it may be on the same string
+            const size_t tail = x ? random() % (x->size() + 1) : 0, up = random() % 2;
+            if (op == 0) a = T(t), x = t ? Model(t) : Model();
+            if (op == 1) (up ? a = s[k] : a = ZvString(s[k])), x = other;  // a copy constructed or assigned
+            if (op == 2) a += T(t), x = x && t ? Model(*x + t) : x;
+            if (op == 3) a.append(s[k]), x = x && other ? Model(*x + *other) : x;
+            if (op == 4) a = a + s[k], x = x && other ? Model(*x + *other) : x;
+            if (op == 5) a = s[k] + T(t), x = other && t ? Model(*other + t) : other;
+            if (op == 6 && x) a = a.c_str() + tail, x = x->substr(tail);
+            if (op == 7) a.erase(), x.reset();
+            if (op == 10) s[k] = std::move(a), m[k] = std::exchange(x, k == i ? x : Model());
+            char* edited = op == 8 ? a.strrev() : op == 9 ? (up ? a.toupper() : a.tolower()) : a.c_str();
+            if (op == 8 && x) std::reverse(x->begin(), x->end());
+            if (op == 9 && x)
+                for (char& c : *x) c = char(up ? ::toupper(c & 0xFF) : ::tolower(c & 0xFF));
+            ASSERT_EQ(edited, a.c_str());
+            const std::string text = x.value_or(""), set = t ? t : "";
+            ASSERT_EQ(a.c_str() ? Model(a.c_str()) : Model(), x) << run << ' ' << step << ' ' << op;
+            const std::vector<size_t> got = {a.length(), size_t(a.empty()), size_t(a == T(t)),
+                                             size_t(a == s[k]), a.find(T(t))};
+            ASSERT_EQ(got, (std::vector<size_t>{text.size(), text.empty(), x && t && *x == t,
+                                                x && m[k] && *x == *m[k],
+                                                x ? std::min(text.find_first_of(set), text.size()) : 0}));
+            for (unsigned index : {0u, 1u, 2u, unsigned(text.size()), UINT_MAX - 1, UINT_MAX})
+                ASSERT_EQ(a[index], text.size() > 1 && index < text.size() - 1 ? text[index] : 0) << index;
+            const int n = int(text.size()), start = int(random() % 8) - 2, end = int(random() % 8) - 2;
+            char* part = a.substr(start, end);
+            const size_t from = std::clamp(start, 0, n), to = std::clamp(end, 0, n);
+            std::string expected(2 * text.size() + 1, '\0');
+            if (from < to) expected.replace(0, to - from, text, from, to - from);
+            ASSERT_EQ(std::string(part, expected.size()), expected) << start << ".." << end;
+            ::free(part);
         }
-        EXPECT_EQ(left.length(), c.left != nullptr ? strlen(c.left) : 0u);
-        EXPECT_EQ(left.empty(), c.left == nullptr || c.left[0] == 0);
-        EXPECT_EQ(left == right, c.equal);
-        EXPECT_EQ(left == T(c.right), c.equal);
-        EXPECT_EQ(Of(plus), Of(c.sum));
-        EXPECT_EQ(Of(plusText), Of(c.sum));
-        ZvString a(left), b(left), d(left);
-        a += right;
-        b.append(T(c.right));
-        d.append(right);
-        EXPECT_EQ(Of(a) + Of(b) + Of(d), Of(c.sum) + Of(c.sum) + Of(c.sum));
-        left = right;
-        EXPECT_EQ(Of(left), Of(c.right));
-        copy.erase();
-        EXPECT_EQ(copy.c_str(), nullptr);
     }
 }
 
-// A result of + can be assigned, and a string moved: the buffer changes hands, the source is null after it,
-// the target's old text is freed (the leak check would see it), and moving a string onto itself keeps it.
-TEST(ZvString, ResultsAndStringsMoveIntoPlace) {
-    ZvString a(T("ab")), b(T("cd")), c(T("old"));
-    c = a + b;
-    c = c + T("!");
-    EXPECT_EQ(Of(c), "abcd!");
-    char* buffer = c.c_str();
-    ZvString d(std::move(c));
-    EXPECT_EQ(std::make_pair(c.c_str(), d.c_str()), std::make_pair(static_cast<char*>(nullptr), buffer));
-    c = T("other");
-    c = std::move(d);
-    ZvString& same = c;
-    c = std::move(same);
-    EXPECT_EQ(std::make_pair(c.c_str(), d.c_str()), std::make_pair(buffer, static_cast<char*>(nullptr)));
-    EXPECT_EQ(Of(c), "abcd!");
-}
-
-// A string of its own text, or a tail of it, keeps that text in its buffer; an append reads it before the
-// old buffer goes. Queries and in-place edits allocate nothing; an operation takes only what it keeps.
-TEST(ZvString, OwnTextAndWhatEachOperationAllocates) {
-    AllocatorSeam seam;
-    ZvString s(T("abcd"));
-    char* buffer = s.c_str();
-    ZvString& alias = s;
-    s = alias;
-    s = s.c_str();
-    s = s.c_str() + 1;
-    EXPECT_EQ(Of(s), "bcd");
-    EXPECT_EQ(buffer, s.c_str());
-    (void)(s == T("d"));
-    (void)s[1];
-    (void)s.find(T("c"));
-    EXPECT_EQ(buffer, s.strrev());
-    EXPECT_EQ(buffer, s.toupper());
-    EXPECT_EQ(buffer, s.tolower());
-    EXPECT_EQ(1, seam.requests);
-    s += s;
-    s += s.c_str() + 4;
-    EXPECT_EQ(Of(s), "dcbdcbcb");
-    EXPECT_EQ(3, seam.requests);
-    ::free(s.substr(0, 1));
-    ZvString sum = s + T("d");  // the copy, then the append
-    EXPECT_EQ(6, seam.requests);
-    s = s.c_str() + 8;
-    EXPECT_EQ(Of(s), "");  // an empty text, not null
-}
-
-TEST(ZvString, IndexingNeverReachesTheLastByte) {
-    ZvString abc(T("abc")), one(T("a")), blank(T("")), null;
-    for (unsigned int index : {0u, 1u, 2u, 3u, 100u, UINT_MAX - 1, UINT_MAX}) {
-        EXPECT_EQ(abc[index], index == 0 ? 'a' : index == 1 ? 'b' : 0) << index;
-        EXPECT_EQ(one[index] | blank[index] | null[index], 0) << index;
-    }
-}
-
-// The argument is a set of bytes; no set holds no byte. A null or empty string gives 0.
-TEST(ZvString, FindTakesItsArgumentAsASetOfBytes) {
-    ZvString s(T("abc")), blank(T("")), null;
-    const std::pair<const char*, unsigned int> cases[] = {{"xc", 2}, {"z", 3}, {"cba", 0},
-                                                          {"bc", 1}, {"", 3},  {nullptr, 3}};
-    for (const auto& [set, expected] : cases) {
-        EXPECT_EQ(s.find(T(set)), expected) << Of(set);
-        EXPECT_EQ(blank.find(T(set)) + null.find(T(set)), 0u) << Of(set);
-    }
-}
-
-TEST(ZvString, EditsInPlace) {
-    const char* cases[][4] = {{"", "", "", ""},
-                              {"a", "a", "A", "a"},
-                              {"ab", "ba", "AB", "ab"},
-                              {"abc", "cba", "ABC", "abc"},
-                              {"MiX d\351\311", "\311\351d XiM", "MIX D\351\311", "mix d\351\311"}};
-    for (const auto& c : cases) {
-        ZvString s(T(c[0]));
-        std::string out = Of(s.strrev());
-        out += "|" + Of(s.strrev());
-        out += "|" + Of(s.toupper());
-        out += "|" + Of(s.tolower());
-        EXPECT_EQ(out, std::string(c[1]) + "|" + c[0] + "|" + c[2] + "|" + c[3]);
-    }
-    ZvString null;
-    EXPECT_EQ(Of(null.strrev()) + Of(null.toupper()) + Of(null.tolower()), "<null><null><null>");
-}
-
-// A new zeroed buffer of 2 * length + 1 bytes; positions are kept inside the text. Null and empty strings
-// give an empty text in a one-byte buffer.
-TEST(ZvString, SubstrHandsOutANewZeroedBuffer) {
-    ZvString s(T("abcd")), null, blank(T(""));
-    const struct {
-        int start, end;
-        const char* expected;
-    } cases[] = {{1, 3, "bc"}, {0, 4, "abcd"}, {2, 2, ""},
-                 {3, 1, ""},   {-2, 2, "ab"},  {2, 100, "cd"},
-                 {10, 20, ""}, {-5, -1, ""},   {INT_MIN, INT_MAX, "abcd"}};
-    for (const auto& c : cases) {
-        char* part = s.substr(c.start, c.end);
-        ASSERT_NE(nullptr, part);
-        EXPECT_EQ(std::string(part, 9), c.expected + std::string(9 - strlen(c.expected), '\0'))
-            << c.start << ".." << c.end;
-        ::free(part);
-    }
-    for (ZvString* t : {&null, &blank}) {
-        char* part = t->substr(0, 5);
-        ASSERT_NE(nullptr, part);
-        EXPECT_EQ('\0', part[0]);
-        ::free(part);
-    }
-}
-
-// An append keeps the text and its buffer; an assignment leaves the string null.
-TEST(ZvString, RunningOutOfMemoryIsSafe) {
+// Out of memory an append keeps its text and block, the rest give null. InternalAllocate wipes what realloc
+// kept, and for zero bytes still gives a block, so that null always means out of memory.
+TEST(ZvString, RunningOutOfMemoryIsSafeAndBlocksAreWiped) {
     ZvString s(T("abc"));
-    char* buffer = s.c_str();
-    AllocatorSeam seam;
-    seam.failing = true;
-    s += T("def");
-    s += s;
-    EXPECT_EQ(Of(s), "abc");
-    EXPECT_EQ(buffer, s.c_str());
-    EXPECT_EQ(nullptr, s.substr(0, 2));
-    EXPECT_EQ(nullptr, s.InternalAllocate(nullptr, 8));
-    ZvString copy(s);
-    EXPECT_EQ(nullptr, copy.c_str());
-    s = T("def");
-    EXPECT_EQ(nullptr, s.c_str());
-}
-
-// Zero bytes still give a block of its own, so that null always means out of memory.
-TEST(ZvString, InternalAllocateWipesWhatReallocKept) {
-    ZvString s;
     char* block = s.InternalAllocate(nullptr, 4);
-    memcpy(block, "abc", 4);
-    block = s.InternalAllocate(block, 64);
-    EXPECT_EQ(std::string(64, '\0'), std::string(block, 64));
-    block = s.InternalAllocate(block, 0);
-    ASSERT_NE(nullptr, block);
+    block = s.InternalAllocate(static_cast<char*>(memcpy(block, "abc", 4)), 64);
+    EXPECT_EQ(std::string(block, 64), std::string(64, '\0'));
+    EXPECT_NE(block = s.InternalAllocate(block, 0), nullptr);
     s.InternalDeallocate(block);
-    s.InternalDeallocate(nullptr);
+    char* buffer = s.c_str();
+    const msptext::Reallocate saved = msptext::zvStringReallocate;
+    msptext::zvStringReallocate = [](void*, size_t) -> void* { return nullptr; };
+    s += s;
+    ZvString copy(s);
+    EXPECT_EQ(std::make_tuple(s.c_str(), copy.c_str(), s.substr(0, 2), s.InternalAllocate(nullptr, 8)),
+              std::make_tuple(buffer, nullptr, nullptr, nullptr));
+    s = T("def");
+    msptext::zvStringReallocate = saved;
+    EXPECT_EQ(s.c_str(), nullptr);
 }
 
 }  // namespace

@@ -211,4 +211,37 @@ bool Pipe::Wait(int timeoutMs) {
     return ::read(fd_[0], &c, 1) == 1;
 }
 
+void Gate::Open() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    cond_.notify_all();
+}
+
+bool Gate::WaitOpen(std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cond_.wait_for(lock, limit, [this] { return open_; });
+}
+
+void Within(const char* what, const std::function<void()>& body) {
+    Gate done;
+    std::thread runner([&] {
+        body();
+        done.Open();
+    });
+    if (!done.WaitOpen(kLongWait)) {
+        std::fprintf(stderr, "%s: still blocked\n", what);
+        std::abort();
+    }
+    runner.join();
+}
+
+bool WaitUntil(const std::function<bool()>& condition) {
+    const auto limit = std::chrono::steady_clock::now() + kLongWait;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > limit) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 }  // namespace msptest

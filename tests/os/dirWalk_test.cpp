@@ -146,18 +146,18 @@ TEST(DirWalk, ChildDirectoriesAndNoHandles) {
     }
 }
 
-// Zv_GetFileData takes a file, not a directory, and leaves the record alone where it can't look; it runs in a
-// child whose stdout is a fresh file, since wprintf needs a stream not yet used for bytes.
+// Zv_GetFileData takes a file, not a directory, and leaves the record alone where it can't look. It runs in a
+// child: its wprintf would leave the test's stdout unusable for bytes.
 TEST(DirWalk, GetFileDataAndLastModified) {
     msptest::TempDir dir;
     MakeFile(dir.file("data"), "twelve bytes");
     mkdir(dir.file("sub").c_str(), 0755);
     std::wstring file = Wide(dir.file("data")), sub = Wide(dir.file("sub")),
                  missing = Wide(dir.file("missing"));
-    const std::string out = dir.file("out"), result = dir.file("result");
+    const std::string result = dir.file("result");
     ASSERT_EQ(0, msptest::RunChild(
                      [&] {
-                         if (!freopen(out.c_str(), "w", stdout) || !freopen("/dev/null", "w", stderr))
+                         if (!freopen("/dev/null", "w", stdout) || !freopen("/dev/null", "w", stderr))
                              return 2;
                          std::string results;
                          for (wchar_t* path : {&file[0], &sub[0], &missing[0], (wchar_t*)nullptr}) {
@@ -173,10 +173,6 @@ TEST(DirWalk, GetFileDataAndLastModified) {
                      30000));
     EXPECT_EQ("1 0 12 1234567890|0 0 0 0|0 170 2863311530 2863311530|0 170 2863311530 2863311530|",
               msptest::ReadFile(result));
-    EXPECT_EQ(
-        "Zv_GetFileData: st_mode failed\nZv_GetFileData failed : 2.\nZv_GetFileData: failed to convert UCS "
-        "to CHAR.\n",
-        msptest::ReadFile(out));
     EXPECT_EQ(kTime, Zv_GetLastModifiedDateTime(&file[0]));
     EXPECT_EQ(0, Zv_GetLastModifiedDateTime(&missing[0]) + Zv_GetLastModifiedDateTime(nullptr));
 }

@@ -93,8 +93,9 @@ TEST(Thread, HeldResumedEndedAndDeleted) {
 }
 
 // Cancelled while held, a thread finishes without its body; a caller cancelled inside wait leaves as if
-// woken; a thread that could not be made counts as finished. Nothing is left blocked.
-TEST(Thread, CancelledOrNeverMade) {
+// woken; a thread that could not be made counts as finished. Nothing is left blocked. And sleep splits its
+// milliseconds into seconds and nanoseconds.
+TEST(Thread, CancelledNeverMadeAndSleep) {
     Probe probe;
     TestThread* thread = new TestThread(&probe);
     thread->Waiters();  // orders the construction before the cancellation for the sanitizer
@@ -125,33 +126,12 @@ TEST(Thread, CancelledOrNeverMade) {
         EXPECT_EQ(EAGAIN, thread->LastError());
         Within("wait and delete after a failed create", [thread] { thread->wait(), delete thread; });
     }
-}
-
-// sleep splits milliseconds into seconds and nanoseconds; setPriority gives up on a finished thread.
-TEST(Thread, SleepAndPriority) {
-    ostest::SystemCallsGuard guard;
     static struct timespec asked;
     osSystemCalls.nanoSleep = [](const struct timespec* request, struct timespec*) {
         return asked = *request, 0;
     };
-    osSystemCalls.pthreadSetSchedParam = [](pthread_t, int policy, const struct sched_param* parameter) {
-        return policy == SCHED_OTHER && parameter->sched_priority == 0 ? 0 : EINVAL;
-    };
-    Probe probe;
-    TestThread* thread = new TestThread(&probe);
-    thread->setPriority(Thread::High);
-    EXPECT_EQ(0, thread->LastError());
-    EXPECT_EQ(0, thread->sleep(1500));
+    EXPECT_EQ(0, TestThread(&probe).sleep(1500));
     EXPECT_TRUE(asked.tv_sec == 1 && asked.tv_nsec == 500000000) << asked.tv_sec << " " << asked.tv_nsec;
-    probe.release.Open();
-    thread->resume();
-    Within("wait", [thread] {
-        while (!thread->isFinished()) thread->wait();
-    });
-    osSystemCalls.pthreadSetSchedParam = [](pthread_t, int, const struct sched_param*) { return ESRCH; };
-    thread->setPriority(Thread::Low);
-    EXPECT_EQ(0, thread->LastError()) << "a finished thread gets no call";
-    delete thread;
 }
 
 }  // namespace

@@ -215,8 +215,8 @@ TEST(LanguageReader, ConfigurationAndFileFailures) {
     deinitializeConfig();
 }
 
-// A second load appends; a failed one keeps what earlier steps stored; failed allocations lose terms, never
-// the process.
+// A second load appends; a failed one keeps what earlier steps stored; any one failed allocation loses a
+// term or the load, never the process.
 TEST(LanguageReader, SecondAndFailedLoadsAndFailedAllocations) {
     LanguageDir dir(Document("<T ID=\"a\"><English>first</English></T>"));
     ZvLanguageReader reader;
@@ -232,6 +232,7 @@ TEST(LanguageReader, SecondAndFailedLoadsAndFailedAllocations) {
     EXPECT_STREQ("English", reader.currentLanguage);
     reader.deinitialize();
     EXPECT_EQ(nullptr, reader.getTermInfobyID("a"));
+    EXPECT_EQ(0, reader.termsCount + reader.languagesCount);
 
     msptest::WriteFile(dir.file("lang.xml"),
                        Document("<T ID=\"a\"><English>x</English></T><T ID=\"b\"><English>y</English></T>"));
@@ -239,7 +240,7 @@ TEST(LanguageReader, SecondAndFailedLoadsAndFailedAllocations) {
         static int granted;
         granted = n;
         languageReaderCalloc = [](size_t count, size_t size) {
-            return granted-- > 0 ? calloc(count, size) : nullptr;
+            return granted-- == 0 ? nullptr : calloc(count, size);
         };
         ZvLanguageReader failing;
         const std::string loaded = Load(dir, failing);

@@ -128,6 +128,7 @@ TEST(DirWalk, ChildDirectoriesAndNoHandles) {
     FileFindData data = kSentinel;
     void* handle = Zv_FindFirstChildDir(&path[0], &data);
     ASSERT_TRUE(handle != kNoHandle && handle != nullptr);
+    EXPECT_EQ(1, Zv_IsChildDir(&data));
     do found.insert(data.fileName);
     while (Zv_FindNextChildDir(handle, &path[0], &data) == 1);
     EXPECT_EQ(1, Zv_FindClose(handle));

@@ -191,8 +191,8 @@ TEST(XmlParser, RowsThatCheckTheModels) {
     EXPECT_EQ(ReferenceEncode("a|\"'&<>|\x80\xff"), "a|&quot;&apos;&amp;&lt;&gt;|\x80\xff");
 }
 
-// Out of memory a split, a node list or an attribute list is whole or empty, never partial, and a split is
-// never null; a null buffer's splits; lists that loop back end at once; the stack.
+// With any one allocation failing, a split, a node list or an attribute list is whole or empty, never
+// partial, and a split is never null; a null buffer's splits; lists that loop back end at once; the stack.
 TEST(XmlParser, FailedAllocationsNullArgumentsLoopsAndTheStack) {
     std::string text;
     char lt[] = "<";
@@ -206,7 +206,7 @@ TEST(XmlParser, FailedAllocationsNullArgumentsLoopsAndTheStack) {
              ++granted) {
             static int left;
             left = int(granted);
-            xmlparser::allocate = [](size_t size) { return left-- > 0 ? malloc(size) : nullptr; };
+            xmlparser::allocate = [](size_t size) { return left-- == 0 ? nullptr : malloc(size); };
             xml_node* first = xml_ParseXML(t, 0, int(text.size()));
             pieces = Pieces(xml_ParseString(t, 0, int(text.size()), lt, 1)).size();
             xml_attribute* attributes = first ? xml_GetXMLAttributes(first) : nullptr;

@@ -115,7 +115,10 @@ TEST(Thread, CancelledNeverMadeAndSleep) {
     EXPECT_EQ(0, thread->Waiters());
     probe.release.Open();
     thread->resume();
-    Within("delete", [thread] { delete thread; });
+    Within("wait, then delete", [thread] {  // the body must have begun before the derived part goes
+        while (!thread->isFinished()) thread->wait();
+        delete thread;
+    });
 
     ostest::SystemCallsGuard guard;
     osSystemCalls.pthreadCreate = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {

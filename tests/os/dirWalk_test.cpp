@@ -65,8 +65,11 @@ std::map<std::wstring, Entry> Walk(const std::string& path) {
 
 // A walk renames a name that the conversions change to its new form, unless that would cut the path, move the
 // file or replace another (also where the file system refuses the no-replace flag); the name then stays and
-// its entry is not looked at, or shows the other file. Every file keeps its bytes.
-TEST(DirWalk, EntriesAndTheirNamesOnDisk) {
+// its entry is not looked at, or shows the other file. Paths are measured before they are converted: in a
+// directory of 999 bytes walked as "dir/", entry paths of 1023 bytes are looked at, of 1024 are reported by
+// name only and never renamed, nor are those whose old path would take 1024. Every file keeps its bytes.
+TEST(DirWalk, EntriesTheirNamesOnDiskAndThePathLimits) {
+    const std::string h(20, 'h'), j(19, 'j');
     const struct {
         std::string onDisk;
         std::wstring reported;
@@ -85,6 +88,11 @@ TEST(DirWalk, EntriesAndTheirNamesOnDisk) {
          L"ab", ""},                              // decodes to a zero unit
         {"na\xEFve", L"na\u00EFve", "na\xEFve"},  // the UTF-8 name is taken
         {"na\xC3\xAFve", L"na\u00EFve", "na\xC3\xAFve"},
+        {std::string(22, 'f'), std::wstring(22, L'f'), std::string(22, 'f')},
+        {std::string(23, 'g'), std::wstring(23, L'g'), ""},
+        {"\xE9" + h, L"\u00E9" + Wide(h), "\xC3\xA9" + h},
+        {"\xE9" + h + "i", L"\u00E9" + Wide(h) + L"i", ""},
+        {"\xF0\x9F\x98\x80" + j, L"\U0001F600" + Wide(j), ""},
     };
     for (bool flagRefused : {false, true}) {
         ostest::SystemCallsGuard guard;
@@ -92,27 +100,35 @@ TEST(DirWalk, EntriesAndTheirNamesOnDisk) {
             osSystemCalls.renameAt2 = [](int, const char*, int, const char*, unsigned) {
                 return errno = EINVAL, -1;
             };
-        msptest::TempDir dir;
-        mkdir(dir.file("sub").c_str(), 0755);
-        mkfifo(dir.file("fifo").c_str(), 0600);  // 0x1000 lacks the directory bit
+        msptest::TempDir top;
+        std::string dir = top.path();
+        while (dir.size() < 999)
+            dir += "/" + std::string(std::min<size_t>(150, 998 - dir.size()), 'd'), mkdir(dir.c_str(), 0755);
+        ASSERT_EQ(999u, dir.size());
+        mkdir((dir + "/sub").c_str(), 0755);
+        mkfifo((dir + "/fifo").c_str(), 0600);  // 0x1000 lacks the directory bit
+        SetTime(dir + "/fifo");
         std::map<std::wstring, Entry> expected = {
             {L".", kDirectory}, {L"..", kDirectory}, {L"sub", kDirectory}, {L"fifo", File(0)}};
         std::set<std::string> after = {".", "..", "sub", "fifo"};
-        SetTime(dir.file("fifo"));
         for (const auto& n : names) {
-            MakeFile(dir.file(n.onDisk), n.onDisk);
+            MakeFile(dir + "/" + n.onDisk, n.onDisk);
             expected[n.reported] =
                 n.after.empty() ? kNotLookedAt : File(n.reported == L"na\u00EFve" ? 6 : n.onDisk.size());
             after.insert(n.after.empty() ? n.onDisk : n.after);
         }
-        const int fd = open(dir.file("big").c_str(), O_CREAT | O_WRONLY | O_LARGEFILE, 0600);
+        const int fd = open((dir + "/big").c_str(), O_CREAT | O_WRONLY | O_LARGEFILE, 0600);
         if (ftruncate64(fd, 0x100000000LL + 4321) == 0) expected[L"big"] = File(4321), after.insert("big");
         close(fd);
-        SetTime(dir.file("big"));
-        EXPECT_EQ(expected, Walk(dir.path() + "/"));  // two slashes in a row work all the same
-        EXPECT_EQ(after, ListDisk(dir.path()));
+        SetTime(dir + "/big");
+        EXPECT_EQ(expected, Walk(dir + "/"));  // two slashes in a row work all the same
+        EXPECT_EQ(after, ListDisk(dir));
         for (const auto& n : names)
-            EXPECT_EQ(n.onDisk, msptest::ReadFile(dir.file(n.after.empty() ? n.onDisk : n.after)));
+            EXPECT_EQ(n.onDisk, msptest::ReadFile(dir + "/" + (n.after.empty() ? n.onDisk : n.after)));
+        mkdir((dir + std::string(25, 'x')).c_str(), 0755);
+        std::wstring tooLong = Wide(dir + std::string(25, 'x'));  // 1024 bytes
+        FileFindData data = kSentinel;
+        EXPECT_EQ(nullptr, Zv_FindFirst(&tooLong[0], &data));
     }
 }
 
@@ -176,37 +192,6 @@ TEST(DirWalk, GetFileDataAndLastModified) {
               msptest::ReadFile(result));
     EXPECT_EQ(kTime, Zv_GetLastModifiedDateTime(&file[0]));
     EXPECT_EQ(0, Zv_GetLastModifiedDateTime(&missing[0]) + Zv_GetLastModifiedDateTime(nullptr));
-}
-
-// Paths are measured before they are converted: in a directory of 1000 bytes an entry path of 1023 bytes is
-// looked at, one of 1024 is reported by name only and never renamed, nor is one whose old path would take
-// 1024; a directory path of 1024 bytes opens nothing.
-TEST(DirWalk, PathsBeyondTheLimits) {
-    msptest::TempDir top;
-    std::string dir = top.path();
-    while (dir.size() < 1000)
-        dir += "/" + std::string(std::min<size_t>(150, 999 - dir.size()), 'd'), mkdir(dir.c_str(), 0755);
-    const std::string fits(22, 'f'), doesNot(23, 'g'), latin1 = "\xE9" + std::string(20, 'h'),
-                                                       latin1DoesNot = "\xE9" + std::string(21, 'i'),
-                                                       oldTooLong = "\xF0\x9F\x98\x80" + std::string(19, 'j');
-    for (const std::string& name : {fits, doesNot, latin1, latin1DoesNot, oldTooLong})
-        MakeFile(dir + "/" + name, name);
-    const std::map<std::wstring, Entry> expected = {
-        {L".", kDirectory},
-        {L"..", kDirectory},
-        {Wide(fits), File(22)},
-        {Wide(doesNot), kNotLookedAt},
-        {L"\u00E9" + Wide(std::string(20, 'h')), File(21)},
-        {L"\u00E9" + Wide(std::string(21, 'i')), kNotLookedAt},
-        {L"\U0001F600" + Wide(std::string(19, 'j')), kNotLookedAt}};
-    EXPECT_EQ(expected, Walk(dir));
-    EXPECT_EQ((std::set<std::string>{".", "..", fits, doesNot, "\xC3\xA9" + latin1.substr(1), latin1DoesNot,
-                                     oldTooLong}),
-              ListDisk(dir));
-    std::wstring tooLong = Wide(dir + std::string(24, 'x'));
-    mkdir((dir + std::string(24, 'x')).c_str(), 0755);
-    FileFindData data = kSentinel;
-    EXPECT_EQ(nullptr, Zv_FindFirst(&tooLong[0], &data));
 }
 
 }  // namespace

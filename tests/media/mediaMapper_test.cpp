@@ -119,6 +119,20 @@ TEST_F(MediaTable, GeneratedTablesMatchTheRules) {
         return text;
     };
     TestMapper mapper;
+    // The limits at their bytes: a token ended by the terminator at byte 1024 is not found, one ended at byte
+    // 1023 is; a plug-in name of 1022 bytes is listed, one of 1023 is not.
+    Write("<F><R><E>a," + std::string(1020, 'x') + ",b</E><P>" + std::string(1022, 'p') + "</P></R><R><E>" +
+          std::string(1021, 'y') + ",c</E></R></F>");
+    ASSERT_EQ(1, mapper.initialize());
+    char b[] = "b", c[] = "c";
+    EXPECT_EQ(nullptr, mapper.getFormatInfoByExtension(b));
+    EXPECT_EQ(mapper.formatList->next, mapper.getFormatInfoByExtension(c));
+    EXPECT_EQ(std::string(1022, 'p'), Text(mapper.getUniqueParserPlugins()));
+    mapper.uninitialize();
+    Write("<F><R><P>" + std::string(1023, 'p') + "</P></R></F>");
+    ASSERT_EQ(1, mapper.initialize());
+    EXPECT_EQ(nullptr, mapper.getUniqueParserPlugins());
+    mapper.uninitialize();
     for (int round = 0; round < 300 && !HasFailure(); ++round) {
         std::vector<Strings> model;
         std::string xml = "<MediaFormats>", expected;

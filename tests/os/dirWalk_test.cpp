@@ -156,6 +156,7 @@ TEST(DirWalk, ChildDirectoriesAndNoHandles) {
     EXPECT_EQ(open, ListDisk("/proc/self/fd").size()) << "the handle of a walk without a child is closed";
     EXPECT_EQ(nullptr, Zv_FindFirst(&missing[0], &data));
     EXPECT_EQ(0, Zv_FindClose(kNoHandle));
+    EXPECT_EQ(1, Zv_FindClose(nullptr));
     EXPECT_EQ(-1, Zv_FindNext(kNoHandle, &path[0], &data) + Zv_FindNextChildDir(kNoHandle, &path[0], &data));
     for (std::wstring search : {L"/a//", L""}) {
         Zv_MakeSearchPath(&search[0]);

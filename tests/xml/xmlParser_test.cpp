@@ -257,19 +257,13 @@ TEST(XmlParser, PartsReleasedOnSeveralThreadsAtOnce) {
     std::string text;
     for (int i = 0; i < 500; ++i) text += "<e/>";
     for (int round = 0; round < 20; ++round) {
-        std::vector<xml_node*> nodes;
+        std::vector<xml_node*> nodes, parts;
         for (xml_node* n = xml_ParseXML(&text[0], 0, int(text.size())); n; n = n->next) nodes.push_back(n);
-        std::vector<xml_node*> parts = {nodes[0]};
+        parts.push_back(nodes[0]);
         for (size_t cut : {1, 2, 124, 125, 126, 500, 999})  // blocks of 125, 250, 500 and 125 nodes
             parts.push_back(nodes[cut]), nodes[cut - 1]->next = nullptr;
-        std::atomic<bool> go{false};
         std::vector<std::thread> threads;
-        for (xml_node* part : parts)
-            threads.emplace_back([&go, part] {
-                while (!go) std::this_thread::yield();
-                xml_DestructXMLNodeList(part);
-            });
-        go = true;
+        for (xml_node* part : parts) threads.emplace_back(xml_DestructXMLNodeList, part);
         for (auto& thread : threads) thread.join();
     }
 }

@@ -1,6 +1,6 @@
-// What the wrappers add to the system's answers: OS_Access only asks whether the path exists, OS_MakeDir
-// makes one level, OS_CorrectURLForDirSearch writes the path and one slash, no more, the milliseconds stay
-// below 1000, and OS_Sleep counts microseconds.
+// What the wrappers add to the system's answers: OS_Access only asks whether the path exists,
+// OS_CorrectURLForDirSearch writes the path and one slash, no more, the milliseconds stay below 1000, and
+// OS_Sleep counts microseconds.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,8 +21,6 @@ TEST(OsWrappers, WhatTheyAddToTheSystem) {
     msptest::WriteFile(file, "x");
     chmod(file.c_str(), 0);
     EXPECT_EQ(0, OS_Access(file.c_str(), R_OK | W_OK | X_OK));
-    EXPECT_EQ(-1, OS_MakeDir(dir.file("missing/child").c_str()));
-    EXPECT_FALSE(msptest::FileExists(dir.file("missing")));
     msptest::GuardedBytes out(10);  // "/var/log/" and its terminator, then a page without access
     char *to = out.data(), url[] = "/var/log";
     EXPECT_EQ(9, OS_CorrectURLForDirSearch(url, &to));
@@ -30,8 +28,8 @@ TEST(OsWrappers, WhatTheyAddToTheSystem) {
     for (int i = 0; i < 2000; ++i) ASSERT_LT(unsigned(OS_GetTimeWithMilliSeconds()), 1000u);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(0, OS_Sleep(150000));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30)) << "milliseconds: 150 s";
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150));
+    const auto slept = std::chrono::steady_clock::now() - start;
+    EXPECT_TRUE(slept >= std::chrono::milliseconds(150) && slept < std::chrono::seconds(30)) << "not 150 s";
 }
 
 }  // namespace

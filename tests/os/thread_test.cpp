@@ -28,8 +28,7 @@ struct Counter {  // destroyed after Thread: counts the objects whose ~Thread ha
 };
 
 // Held at the start; its body enters, waits at the probe's gate, then ends as the probe says.
-class TestThread : public Counter, public Thread {
-public:
+struct TestThread : Counter, Thread {
     explicit TestThread(Probe* probe, int selfDeleting = 0) : Thread(1, selfDeleting, 0), probe_(probe) {}
     int Waiters() {
         pthread_mutex_lock(&mutex);
@@ -38,15 +37,11 @@ public:
     }
     pthread_t Id() const { return threadId; }
     int LastError() const { return lastError; }
-
-protected:
     void run() override {
         Probe* probe = probe_;  // the derived members may be gone once the body waits at the gate
         ++probe->runs, probe->entered.Open(), probe->release.WaitOpen(kLongWait);
         probe->end();
     }
-
-private:
     Probe* probe_;
 };
 

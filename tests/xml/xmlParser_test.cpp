@@ -165,9 +165,8 @@ TEST(XmlParser, RowsThatCheckTheModels) {
     const char* const rows[][2] = {
         {"lead<a>1 > 0</a>",
          "-3\n<lead@0 #0\n<a@5 #10 parent=0 close=2 inner= 0@10 [@9=@9]\n</a@14 #13 open=1\n"},
-        {"</a/>", "-1\n</a@2 #1 empty\n</a@2 #1\n"},
         {"<a><b></c></a>", "-3\n<a@1 #3 inner=<b></c>@3\n<b@4 #6 parent=0\n</c@8 #7\n</a@12 #11\n"},
-        {"<a></b></a>", "-2\n<a@1 #3\n</b@5 #4\n</a@9 #8\n"},
+        {"<a></b><a></a>", "-2\n<a@1 #3\n</b@5 #4\n<a@8 #10 inner=@10\n</a@12 #11\n"},
         {"<a><a></a></a>",
          "0\n<a@1 #3 close=3 inner=<a></a>@3\n<a@4 #6 parent=0 close=2 inner=@6\n</a@8 #7 open=1\n"
          "</a@12 #11 open=0\n"},

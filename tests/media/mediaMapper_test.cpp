@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <random>
+#include <tuple>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -50,7 +51,8 @@ const auto Write = [](const std::string& xml) { msptest::WriteFile("MediaFormats
 const auto Lower = [](std::string s) { return std::transform(s.begin(), s.end(), s.begin(), ::tolower), s; };
 
 // The load's rules: a tag names the first property of which it is a case-free prefix; an empty value sets
-// nothing; a later value replaces an earlier one; MediaType and Transcode values map to a byte.
+// nothing; a later value replaces an earlier one, elements inside it kept as raw text; MediaType and
+// Transcode values map to a byte, an unknown MediaType leaving the one before.
 const char* const kProperties[] = {"FormatName",   "Extensions", "MimeType", "MediaType", "DLNA_Class",
                                    "DLNA_Profile", "Transcode",  "Parser",   "DAP"};
 const char* const kMediaTypes[] = {"CLASS_AUDIO_ITEM", "AUDIO", "a", "CLASS_VIDEO_ITEM", "VIDEO", "v",

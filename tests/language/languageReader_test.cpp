@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <random>
 #include <regex>
 
@@ -13,11 +14,10 @@
 
 namespace {
 
-// A working directory with a language file and the configuration that names it (as "lang.xml").
 struct LanguageDir {
     msptest::TempDir dir;
     msptest::ScopedChdir chdir{dir.path()};
-    std::string config = dir.file("MediaServer.cfg");
+    std::string config = "MediaServer.cfg";
     void Use(const std::string& p, const std::string& l = "English") {
         msptest::WriteFile(config,
                            "[LANGUAGE]\nlanguageFilePath=\"" + p + "\"\ncurrentLanguage=\"" + l + "\"\n");
@@ -28,8 +28,7 @@ struct LanguageDir {
     }
 };
 
-// A load as "result termsCount languagesCount | id=value ... | ", "-" for a null field; stderr dropped.
-std::string Load(LanguageDir& dir, ZvLanguageReader& reader) {
+std::string Load(LanguageDir& dir, ZvLanguageReader& reader) {  // "result terms languages | id=value ... | "
     msptest::CaptureFd err(2);
     std::string out = std::to_string(reader.initialize(&dir.config[0])) + " ";
     out += std::to_string(reader.termsCount) + " " + std::to_string(reader.languagesCount) + " | ";
@@ -43,8 +42,8 @@ std::string Document(const std::string& terms) {
            "</W></R>";
 }
 
-// The flat functions on the shipped file; a configuration the caller opened stays open, one the reader opened
-// is closed; after its first release the static reader's lock is gone for good, and it works on without one.
+// The shipped file; a configuration the caller opened stays open, one the reader opened is closed; after its
+// first release the static reader's lock is gone for good, and it works on without one.
 TEST(LanguageReader, ShippedFileAndTheConfiguration) {
     LanguageDir dir(msptest::ReadFile(MSPLATFORM_SOURCE_DIR "/data/languages.xml"), "Fran\u00e7ais");
     EXPECT_EQ(1, ZvLanguageReader().initialize(&dir.config[0]));
@@ -52,10 +51,9 @@ TEST(LanguageReader, ShippedFileAndTheConfiguration) {
     ASSERT_EQ(1, initializeLanguageReader(&dir.config[0]));
     EXPECT_EQ(CFG_ALREADY_INITIALIZED, initializeConfig(&dir.config[0])) << "the caller's stays open";
     deinitializeConfig();
-    const char* fallback = "F";
-    EXPECT_STREQ("Artiste & album", Tx(fallback, "ArtistAlbum"));
+    EXPECT_STREQ("Artiste & album", Tx(nullptr, "ArtistAlbum"));
     deinitializeLanguageReader();
-    EXPECT_EQ(fallback, Tx(fallback, "ArtistAlbum"));
+    EXPECT_EQ(nullptr, Tx(nullptr, "ArtistAlbum"));
     EXPECT_EQ(nullptr, languageReader.mutex);
 }
 
@@ -66,14 +64,13 @@ TEST(LanguageReader, TermsOfOddDocuments) {
     const std::string names = "<Languages><Name>English</Name></Languages>",
                       termA = "<T ID=\"a\"><English>x</English></T>";
     const std::string cases[][2] = {
-        {Document(
-             "<T ID=\"a\" Other=\"b\"><English>x</English></T><T Other=\"b\" ID='c'><En>y</En></T>"
-             "<T ID=\"a\" ><English>x</English></T><T ID=abc><English>y</English></T><T ID=\"\"><English>x"
-             "</English></T><T I><English>y</English></T><T ID=\"a&amp;b\"><English>&lt;b&gt;</English></T>"),
+        {Document("<T ID=\"a\" Other=\"b\"><English>x</English></T><T Other=\"b\" ID='c'><En>y</En></T><T "
+                  "ID=\"a\" ><E>x</E></T><T ID=abc><E>y</E></T><T ID=\"\"><E>x</E></T><T I><E>y</E></T><T "
+                  "ID=\"a&amp;b\"><E>&lt;b&gt;</E></T>"),
          "1 7 2 | -=x c=y -=x b=y =x =y a&b=<b> | "},
         {Document(
              "<T ID=\"a\"><EnglishUK>x</EnglishUK><English/></T><T ID=\"c\"></T><T ID=\"d\"/><T ID=\"e\">"
-             "<Deutsch>d</Deutsch><English> x<b>y</b>\n</English></T><T ID=\"a\"><English>2</English></T>"),
+             "<Deutsch>d</Deutsch><E> x<b>y</b>\n</E></T><T ID=\"a\"><E>2</E></T>"),
          "1 3 2 | a=- e= x<b>y</b>\n a=2 | "},
         {Document("<T ID=\"a\"><English>x<b>y</b></English></T>"), "0 0 2 | | "},
         {Document(termA + "<!-- c -->" + termA), "1 1 2 | a=x | "},
@@ -129,14 +126,12 @@ TEST(LanguageReader, LoadsThatAddOrFail) {
     LanguageDir dir(Document("<T ID=\"a\"><English>first</English></T>"));
     ZvLanguageReader reader;
     ASSERT_EQ(1, reader.initialize(&dir.config[0]));
-    msptest::WriteFile("lang.xml",
-                       Document("<T ID=\"a\"><English>2</English></T><T ID=\"b\"><English>b</English></T>"));
+    msptest::WriteFile("lang.xml", Document("<T ID=\"a\"><E>2</E></T><T ID=\"b\"><E>b</E></T>"));
     EXPECT_EQ("1 2 2 | a=first a=2 b=b | ", Load(dir, reader));
     EXPECT_STREQ("first", reader.getTermInfobyID("a"));
     msptest::WriteFile("lang.xml", "<Languages><Name>Other</Name></Languages>");
     EXPECT_EQ("0 0 1 | a=first a=2 b=b | ", Load(dir, reader));
-    msptest::WriteFile("lang.xml",
-                       Document("<T ID=\"a\"><English>x</English></T><T ID=\"b\"><English>y</English></T>"));
+    msptest::WriteFile("lang.xml", Document("<T ID=\"a\"><E>x</E></T><T ID=\"b\"><E>y</E></T>"));
     for (int n = 0;; ++n) {
         static int granted;
         granted = n;
@@ -146,17 +141,22 @@ TEST(LanguageReader, LoadsThatAddOrFail) {
         languageReaderCalloc = calloc;
         if (loaded == "1 2 2 | a=x b=y | ") break;
         EXPECT_TRUE(std::regex_match(loaded, std::regex("[01] [0-2] [0-2] \\| ([-ab]=[-xy] ){0,2}\\| ")))
-            << loaded;
+            << n;
         ASSERT_LT(n, 20);
     }
     ASSERT_EQ(0, mkfifo("fifo", 0600));
-    for (std::string path : {std::string(256, 'p'), std::string("fifo")}) {
+    auto open = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto opened = open();
+    const std::pair<std::string, const char*> cases[] = {
+        {std::string(256, 'p'), "too long"}, {"fifo", "read failed"}, {"none", "Open Error"}};
+    for (const auto& [path, why] : cases) {
         dir.Use(path);
         ASSERT_EQ(0, msptest::RunChild([&] { return ZvLanguageReader().initialize(&dir.config[0]); }, 20000));
         msptest::CaptureFd err(2);
         EXPECT_EQ(0, ZvLanguageReader().initialize(&dir.config[0]));
-        EXPECT_NE(std::string::npos, err.Finish().find(path == "fifo" ? "read failed" : "too long")) << path;
+        EXPECT_NE(std::string::npos, err.Finish().find(why)) << path;
     }
+    EXPECT_EQ(opened, open()) << "a file that failed to load is closed";
 }
 
 }  // namespace

@@ -115,6 +115,19 @@ TEST(Thread, CancelledNeverMadeAndSleep) {
         delete thread;
     });
 
+    // Deleting gives a thread's resources back: the stacks of ended threads don't pile up.
+    auto maps = [] { return msptest::ReadFile("/proc/self/maps").size(); };
+    const size_t mapped = maps();
+    for (int i = 0; i < 80; ++i) {
+        thread = new TestThread(&probe);
+        thread->resume();
+        Within("a thread that ends", [thread] {
+            while (!thread->isFinished()) thread->wait();
+            delete thread;
+        });
+    }
+    EXPECT_LT(maps(), mapped + 3000) << "the maps grew from " << mapped;
+
     ostest::SystemCallsGuard guard;
     osSystemCalls.pthreadCreate = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
         return EAGAIN;

@@ -1,14 +1,21 @@
 // Both splitters and the delimiter test over any range of any text. The first bytes choose the delimiter
 // (one to three bytes) and the range; the rest is the text. The pieces must tile the range exactly: each
-// piece inside it, in order, one delimiter between two pieces.
+// piece inside it, in order, one delimiter between two pieces; and they must be those of the model of the
+// splitters' rules (tests/xml/xmlReference.h), quotes included.
 #include "msplatform/xmlParser.h"
 
 #include "fuzz.h"
+#include "xml/xmlReference.h"
 
 namespace {
 
-void CheckPieces(parser_result* r, const char* from, const char* to, const char* delimiter, int dlen) {
+void CheckPieces(parser_result* r, const char* from, const char* to, const char* delimiter, int dlen,
+                 const std::vector<xmlref::Piece>& model) {
     FUZZ_CHECK(r->first != nullptr);
+    size_t i = 0;
+    for (parser_field* f = r->first; f; f = f->next, ++i)
+        FUZZ_CHECK(i < model.size() && f->text == model[i].first && f->length == model[i].second);
+    FUZZ_CHECK(i == model.size());
     int count = 0;
     const char* at = from;
     for (parser_field* f = r->first; f; f = f->next) {
@@ -41,12 +48,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     char* base = text.get();
 
     parser_result* plain = xml_ParseString(base, start, end, delimiter.get(), dlen);
-    CheckPieces(plain, base + start, base + (end > start ? end : start), delimiter.get(), dlen);
+    CheckPieces(plain, base + start, base + (end > start ? end : start), delimiter.get(), dlen,
+                xmlref::Split(base, start, end, delimiter.get(), dlen, false));
     xml_DestructParserResults(plain);
 
     const int length = end - start;
     parser_result* quoted = xml_ParseStringAdv(base, start, length, delimiter.get(), dlen);
-    CheckPieces(quoted, base + start, base + (length > 0 ? end : start), delimiter.get(), dlen);
+    CheckPieces(quoted, base + start, base + (length > 0 ? end : start), delimiter.get(), dlen,
+                xmlref::Split(base, start, end, delimiter.get(), dlen, true));
     xml_DestructParserResults(quoted);
 
     for (int at = start; at < end; ++at) {

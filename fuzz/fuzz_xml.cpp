@@ -1,6 +1,6 @@
 // The XML parser on any text: the node list, the tree links, the inner text and the attributes of every node,
 // then the entities both ways. Every pointer handed out must lie inside the text, and the nodes and
-// attributes must be those that the plain cuts of the exported splitters give.
+// attributes must be those that the models of the parser's rules give (tests/xml/xmlReference.h).
 #include "msplatform/xmlParser.h"
 
 #include <vector>

@@ -1,234 +1,217 @@
 #include "msplatform/mediaMapper.h"
 
-#include <string.h>
-#include <sys/ipc.h>
+#include <strings.h>
 #include <sys/sem.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <functional>
+#include <random>
+#include <tuple>
 #include <thread>
-#include <vector>
+
+#include <gtest/gtest.h>
 
 #include "media/internal.h"
-#include "mediaTestUtil.h"
+#include "msplatform/mediaFormats.h"
+#include "msplatform/mutex.h"
+#include "support/support.h"
 
 namespace {
 
-using mediatest::Dump;
-using mediatest::DumpList;
-using mediatest::Strings;
-using mediatest::TestMapper;
+using Strings = std::vector<std::string>;
 
-using MediaMapperLoad = mediatest::MediaDir;
+const auto Text = [](const char* s) { return std::string(s ? s : "-"); };
+const auto Byte = [](char c) { return c ? std::string(1, c) : "0"; };
 
-TEST_F(MediaMapperLoad, EmptyOrMissingFilesFailSilentlyAndARootAloneGivesAnEmptyTable) {
-    const char* cases[] = {nullptr, "", "   \n", "<?xml version=\"1.0\"?>",
-                           "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<MediaFormats></MediaFormats>\n"};
-    for (const char* text : cases) {
-        if (text != nullptr) Write(text);
-        const int result = text != nullptr && strstr(text, "</MediaFormats>") ? 1 : 0;
-        TestMapper mapper;
-        msptest::CaptureFd out(1), err(2);
-        EXPECT_EQ(result, mapper.initialize()) << (text ? text : "no file");
-        EXPECT_EQ(result, mapper.isInitialized);
-        EXPECT_EQ(nullptr, mapper.formatList);
-        EXPECT_NE(nullptr, mapper.mutex) << "the lock is made before the file is read";
-        EXPECT_EQ("", out.Finish() + err.Finish());
+std::string Line(const Strings& fields) {
+    std::string line;
+    for (const std::string& field : fields) line += (line.empty() ? "" : "|") + field;
+    return line + "\n";
+}
+
+// A record a line, its properties in order: "name|extensions|mime|media type|class|profile|transcode|parser|
+// dap", "-" for no text, "0" for no media type.
+std::string Dump(const MediaFormatInfo* f) {
+    std::string out;
+    for (; f; f = f->next)
+        out += Line({Text(f->formatName), Text(f->extensions), Text(f->mimeType), Byte(f->mediaType),
+                     Text(f->dlnaClass), Text(f->dlnaProfile), std::to_string(f->transcodeFlag),
+                     Text(f->parserName), Text(f->dapName)});
+    return out;
+}
+
+const Strings kNone = {"-", "-", "-", "0", "-", "-", "0", "-", "-"};
+MediaMapper& mapper = *new MediaMapper;  // its lock stays reachable for the leak checker
+
+struct MediaTable : ::testing::Test {
+    msptest::TempDir dir;
+    msptest::ScopedChdir cwd{dir.path()};
+};
+const auto Write = [](const std::string& xml) { msptest::WriteFile("MediaFormats.xml", xml); };
+const auto Lower = [](std::string s) { return std::transform(s.begin(), s.end(), s.begin(), ::tolower), s; };
+
+// The load's rules: a tag names the first property of which it is a case-free prefix; an empty value sets
+// nothing; a later value replaces an earlier one, elements inside it kept as raw text; MediaType and
+// Transcode values map to a byte, an unknown MediaType leaving the one before.
+const char* const kProperties[] = {"FormatName",   "Extensions", "MimeType", "MediaType", "DLNA_Class",
+                                   "DLNA_Profile", "Transcode",  "Parser",   "DAP"};
+const char* const kMediaTypes[] = {"CLASS_AUDIO_ITEM", "AUDIO", "a", "CLASS_VIDEO_ITEM", "VIDEO", "v",
+                                   "CLASS_IMAGE_ITEM", "IMAGE", "i"};
+
+void Assign(Strings& f, const std::string& tag, const std::string& value) {
+    const char* v = value.c_str();
+    size_t p = 0, t = 0;
+    while (p < 9 && strncasecmp(tag.c_str(), kProperties[p], tag.size())) ++p;
+    while (p == 3 && t < 9 && strcasecmp(v, kMediaTypes[t])) ++t;
+    if (p == 9 || value.empty() || (p == 3 && t == 9)) return;
+    const bool yes = !strcasecmp(v, "yes") || !strcasecmp(v, "true") || value == "1";
+    f[p] = p == 3 ? std::string(1, "avi"[t / 3]) : p == 6 ? std::string(yes ? "1" : "0") : value;
+}
+
+// The first record that lists the extension as a whole token between commas (blanks kept, case-free, one
+// leading dot dropped), among the tokens ended within a list's first 1023 bytes; none for one over 55 bytes.
+int Lookup(const std::vector<Strings>& records, const std::string& extension) {
+    const std::string key = "," + Lower(extension.substr(extension.rfind('.', 0) == 0)) + ",";
+    for (size_t r = 0; key.size() > 2 && key.size() <= 57 && r < records.size(); ++r)
+        if (records[r][1] != "-" &&
+            ("," + Lower((records[r][1] + ",").substr(0, 1024))).find(key) != key.npos)
+            return int(r);
+    return -1;
+}
+
+// Every getter of one extension (in bytes of its own), as Dump gives a record, then the byte that the parser
+// getter stores (it starts as 'x').
+std::string Fields(char* e) {
+    char type = 'x';
+    const std::string parser = Text(MF_GetParserNameByExtension(e, &type));
+    const MediaFormatInfo* f = mapper.getFormatInfoByExtension(e);
+    return Line({Text(MF_GetFormatNameByExtension(e)), Text(f ? f->extensions : nullptr),
+                 Text(MF_GetMimeTypeByExtension(e)), Byte(MF_GetMediaTypeByExtension(e)),
+                 Text(MF_GetDLNAClassByExtension(e)), Text(MF_GetDLNAProfileByExtension(e)),
+                 std::to_string(MF_GetTranscodeFlagByExtension(e)), parser,
+                 Text(MF_GetDAPNameByExtension(e))}) +
+           Byte(type);
+}
+
+TEST_F(MediaTable, GeneratedTablesMatchTheRules) {
+    const Strings tags = {"F",         "formatname", "E",         "Ext",    "M",   "MIMETYPE",  "Me",
+                          "mediatype", "D",          "DLNA",      "dlna_p", "T",   "Transcode", "P",
+                          "parser",    "DA",         "MimeTypes", "Codec",  "DAPS"};
+    Strings pieces = {"a", "B",  "ab", ".",  " ",       ",",    "video", "Class_Image_Item", "YES", "true",
+                      "1", "no", "p",  "p2", "a&amp;b", "x\ny", "",      "<b>c</b>",         "c"};
+    for (size_t n : {55, 56, 300}) pieces.push_back(std::string(n, n == 300 ? 'x' : 'e'));
+    // Tags and values a record at a time; first the limits: tokens ended by the terminator at byte 1024 and
+    // 1023 of a list, plug-in names of 1022 and 1023 bytes.
+    std::vector<std::vector<Strings>> tables = {
+        {{"E", "a," + std::string(1020, 'x') + ",b", "P", std::string(1022, 'p')},
+         {"E", std::string(1021, 'y') + ",c"}},
+        {{"P", std::string(1023, 'p')}}};
+    std::mt19937 rng(2026);
+    auto random = [&](const Strings& from, int most) {
+        std::string text;
+        for (int n = int(rng() % most); n >= 0; --n) text += from[rng() % from.size()];
+        return text;
+    };
+    for (size_t round = 0; round < 300 && !HasFailure(); ++round) {
+        if (round >= tables.size()) {
+            tables.emplace_back(rng() % 6);
+            for (Strings& record : tables.back())
+                for (int e = int(rng() % 5); e > 0; --e)
+                    record.insert(record.end(), {tags[rng() % tags.size()], random(pieces, 3)});
+        }
+        std::vector<Strings> model;
+        std::string xml = "<MediaFormats>", expected;
+        for (const Strings& record : tables[round]) {
+            model.push_back(kNone);
+            xml += "<Format>";
+            for (size_t e = 0; e < record.size(); e += 2) {
+                xml += "<" + record[e] + ">" + record[e + 1] + "</" + record[e] + ">";
+                Assign(model.back(), record[e], record[e + 1]);
+            }
+            xml += "</Format>";
+            expected += Line(model.back());
+        }
+        Write(xml + "</MediaFormats>");
+        ASSERT_EQ(1, mapper.initialize());
+        ASSERT_EQ(1, MF_Initialize());
+        ASSERT_EQ(expected, Dump(mapper.formatList));
+        // The extensions of the first record that names a MIME type or plug-in, case-free.
+        auto firstNaming = [&](size_t field, const std::string& name) {
+            for (const Strings& m : model)
+                if (m[field] != "-" && !strcasecmp(m[field].c_str(), name.c_str())) return m[1];
+            return std::string("-");
+        };
+        for (int q = 0; q < 10; ++q) {
+            const std::string query = q < 2 ? std::string(1, "bc"[q]) : random(pieces, 2);
+            msptest::GuardedBytes exact = msptest::GuardedBytes::String(query);
+            const int r = Lookup(model, query);
+            const Strings& m = r < 0 ? kNone : model[size_t(r)];
+            EXPECT_EQ(Line(m) + (r < 0 ? "x" : m[3]), Fields(exact.data())) << query;
+            EXPECT_EQ(firstNaming(2, query), Text(MF_GetExtensionListByMimeType(exact.data())));
+            EXPECT_EQ(firstNaming(7, query), Text(MF_GetExtensionListByPluginName(exact.data())));
+        }
+        // The plug-ins in order of first appearance, each dropped if it stands anywhere in the list so far,
+        // the list ended behind the last whole name that fits 1022 bytes; computed once.
+        std::string joined;
+        for (const Strings& f : model) {
+            if (f[7] == "-" || joined.find(f[7]) != std::string::npos) continue;
+            if (joined.size() + f[7].size() + 1 > 1023) break;
+            joined += f[7] + ",";
+        }
+        char* plugins = mapper.getUniqueParserPlugins();
+        EXPECT_EQ(joined.empty() ? "-" : joined.substr(0, joined.size() - 1), Text(plugins));
+        EXPECT_EQ(Text(plugins), Text(MF_GetUniqueParserPlugins()));
+        mapper.uninitialize();
+        MF_UnInitialize();
     }
 }
 
-TEST_F(MediaMapperLoad, LoadedTableIsNotReadAgainUntilReleased) {
-    Write("<F><R><E>mp3</E></R></F>");
-    TestMapper mapper;
-    ASSERT_EQ(1, mapper.initialize());
-    Write("<F><R><E>ogg</E></R><R><E>wav</E></R></F>");
-    EXPECT_EQ(1, mapper.initialize());
-    EXPECT_EQ(Strings{"-|mp3|-|-|-|-|-|0|0"}, DumpList(mapper.formatList));
-    mapper.uninitialize();
-    EXPECT_EQ(0, mapper.isInitialized);
-    EXPECT_EQ(nullptr, mapper.formatList);
-    mapper.uninitialize();  // already empty: nothing happens
-    EXPECT_EQ(1, mapper.initialize());
-    EXPECT_EQ((Strings{"-|ogg|-|-|-|-|-|0|0", "-|wav|-|-|-|-|-|0|0"}), DumpList(mapper.formatList));
-}
-
-// Threads that make the first load at once: one loads, the others wait and find the table loaded.
-TEST_F(MediaMapperLoad, FirstLoadOnSeveralThreadsAtOnceLoadsOnce) {
-    Write("<F><R><E>mp3</E></R><R><E>ogg</E></R></F>");
-    // The first load stalls at its first record, so that the other threads come meanwhile.
-    static std::atomic<bool> stalled;
-    stalled = false;
+// Only depth counts: the root, a record, a property, whatever their names; an unclosed record is not kept. A
+// stray closing tag or a comment in front of the root shifts every level behind it. A missing or empty file
+// fails, and a later load tries again; the first load by several threads at once reads the file once, under
+// the machine's "MediaMapper"; a loaded table is not read again until released; a record or a value that
+// can't be allocated is all that is lost.
+TEST_F(MediaTable, LevelsLoadLifeAndFailedAllocations) {
+    for (int i = 0; i < 2; ++i, Write("")) EXPECT_EQ(0, mapper.initialize());
+    Write("<F><R><E>mp3</E><P>p</P></R></F>");
+    static std::atomic<bool> stalled{false};  // the first load stalls at its first record: the others come
     mediaMapperAlloc = [](size_t size) {
         if (!stalled.exchange(true)) std::this_thread::sleep_for(std::chrono::milliseconds(200));
         return malloc(size);
     };
-    TestMapper mapper;
-    std::atomic<int> loaded{0};
     std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) threads.emplace_back([&] { loaded += mapper.initialize(); });
+    std::vector<char*> plugins(4);
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back(
+            [&, i] { plugins[i] = mapper.initialize() ? mapper.getUniqueParserPlugins() : nullptr; });
     for (auto& thread : threads) thread.join();
-    mediaMapperAlloc = malloc;
-    EXPECT_EQ(4, loaded);
-    EXPECT_EQ((Strings{"-|mp3|-|-|-|-|-|0|0", "-|ogg|-|-|-|-|-|0|0"}), DumpList(mapper.formatList));
-}
-
-TEST_F(MediaMapperLoad, LevelsDecideRecordsAndProperties) {
-    Write(
-        "<?xml version=\"1.0\"?>\n<Anything>\n"
-        "  <First attr=\"ignored\"><FormatName>One</FormatName><Extensions>a1</Extensions></First>\n"
-        "  <Format/>\n"
-        "  "
-        "<Second><Parser>p2<Nested>deep</Nested></Parser><Wrap><MimeType>x/inner</MimeType></Wrap></Second>\n"
-        "  <Third>\n    <MimeType>m/3</MimeType>\n  </Third>\n"
-        "  <Unclosed><E>wav</E>");  // neither it nor the root is closed
-    TestMapper mapper;
-    ASSERT_EQ(1, mapper.initialize());
-    EXPECT_EQ((Strings{"One|a1|-|-|-|-|-|0|0", "-|-|-|-|-|-|-|0|0", "-|-|-|-|-|p2<Nested>deep</Nested>|-|0|0",
-                       "-|-|m/3|-|-|-|-|0|0"}),
-              DumpList(mapper.formatList));
-}
-
-// Tags match properties as case-free prefixes in order; values are the raw inner text; one record each.
-TEST_F(MediaMapperLoad, TagsAndValues) {
-    const Strings expected = {
-        "v|-|-|-|-|-|-|0|0", "v|-|-|-|-|-|-|0|0",  "-|v|-|-|-|-|-|0|0",         "-|-|v|-|-|-|-|0|0",
-        "-|-|v|-|-|-|-|0|0", "-|-|-|v|-|-|-|0|0",  "-|-|-|v|-|-|-|0|0",         "-|-|-|-|v|-|-|0|0",
-        "-|-|-|-|-|v|-|0|0", "-|-|-|-|-|-|v|0|0",  "-|-|-|-|-|-|-|0|0",         "-|-|-|-|-|-|-|0|0",
-        "-|-|-|-|-|-|-|0|0", "-|-|-|-|-|-|-|0|v",  "-|-|-|-|-|-|-|0|i",         "-|-|-|-|-|-|-|0|a",
-        "-|-|-|-|-|-|-|0|a", "-|-|-|-|-|-|-|0|v",  "-|-|-|-|-|-|-|0|i",         "-|-|-|-|-|-|-|0|0",
-        "-|-|-|-|-|-|-|0|0", "-|-|-|-|-|-|-|0|0",  "-|-|-|-|-|-|-|0|a",         "-|-|-|-|-|-|-|0|i",
-        "-|-|-|-|-|-|-|1|0", "-|-|-|-|-|-|-|1|0",  "-|-|-|-|-|-|-|1|0",         "-|-|-|-|-|-|-|1|0",
-        "-|-|-|-|-|-|-|0|0", "-|-|-|-|-|-|-|0|0",  "-|-|-|-|-|-|-|0|0",         "-|-|-|-|-|-|-|0|0",
-        "-|-|-|-|-|-|-|1|0", "-|-|-|-|-|-|-|1|0",  "-|mp3,\nwav|-|-|-|-|-|0|0", "R&amp;B|-|-|-|-|-|-|0|0",
-        "-|-|-|-|-|-|-|0|0", "-|-|-|-|-|p1|-|0|0", "-|-|-|-|-|p2|-|0|0"};
-    Write(
-        "<Formats>"
-        "<R><F>v</F></R><R><formatname>v</formatname></R><R><E>v</E></R><R><MIMETYPE>v</MIMETYPE></R>"
-        "<R><M>v</M></R><R><D>v</D></R><R><DLNA>v</DLNA></R><R><DLNA_P>v</DLNA_P></R><R><P>v</P></R>"
-        "<R><DA>v</DA></R><R><MimeTypes>v</MimeTypes></R><R><Codec>v</Codec></R><R><DAPS>v</DAPS></R>"
-        "<R><Med>VIDEO</Med></R><R><Me>image</Me></R><R><MediaType>CLASS_AUDIO_ITEM</MediaType></R>"
-        "<R><MediaType>A</MediaType></R><R><MediaType>CLASS_VIDEO_ITEM</MediaType></R>"
-        "<R><MediaType>class_image_item</MediaType></R><R><MediaType> video</MediaType></R>"
-        "<R><MediaType>videos</MediaType></R><R><MediaType>CLASS_AUDIO</MediaType></R>"
-        "<R><MediaType>audio</MediaType><MediaType>movie</MediaType></R>"
-        "<R><MediaType>audio</MediaType><MediaType>i</MediaType></R><R><T>yes</T></R>"
-        "<R><Transcode>YES</Transcode></R><R><Transcode>true</Transcode></R>"
-        "<R><Transcode>1</Transcode></R><R><Transcode>0</Transcode></R><R><Transcode>yes </Transcode></R>"
-        "<R><Transcode>y</Transcode></R><R><Transcode>Yes</Transcode><Transcode>No</Transcode></R>"
-        "<R><Transcode>No</Transcode><Transcode>True</Transcode></R>"
-        "<R><Transcode>Yes</Transcode><Transcode></Transcode></R>"
-        "<R><Extensions>mp3,\nwav</Extensions></R><R><FormatName>R&amp;B</FormatName></R><R><Parser/></R>"
-        "<R><Parser>p1</Parser><Parser/></R><R><Parser>p1</Parser><P>p2</P></R>"
-        "</Formats>");
-    TestMapper mapper;
-    ASSERT_EQ(1, mapper.initialize());
-    EXPECT_EQ(expected, DumpList(mapper.formatList));
-}
-
-// Called directly, the load's pieces apply no rule of the load: an empty value is stored, a tag of no bytes
-// is a prefix of FormatName, and an appended record keeps what hangs on it.
-TEST(MediaMapperProperty, AssignedAndAppendedDirectly) {
-    TestMapper mapper;
-    MediaFormatInfo format = {};
-    char tag[] = "MimeTypeXYZ", value[] = "audio/mpeg-and-more", mediaTag[] = "med",
-         mediaValue[] = "videoclip";
-    mapper.assignFormatProperty(&format, tag, 4, value, 10);          // "Mime": "audio/mpeg"
-    mapper.assignFormatProperty(&format, tag, 0, value, 5);           // "": FormatName "audio"
-    mapper.assignFormatProperty(&format, mediaTag + 2, 1, value, 0);  // "d": DLNA_Class ""
-    mapper.assignFormatProperty(&format, tag, -1, value, 10);         // negative lengths: nothing
-    mapper.assignFormatProperty(&format, tag, 4, value, -1);
-    mapper.assignFormatProperty(nullptr, tag, 4, value, 10);
-    mapper.assignFormatProperty(&format, mediaTag, 3, mediaValue, 5);
-    EXPECT_EQ("audio|-|audio/mpeg||-|-|-|0|v", Dump(&format));
-
-    MediaFormatInfo* records[3];
-    for (auto& record : records) record = static_cast<MediaFormatInfo*>(calloc(1, sizeof(MediaFormatInfo)));
-    records[0]->next = records[1];
-    mapper.addFormatToList(records[2]);
-    mapper.addFormatToList(records[0]);
-    MediaFormatInfo* list = mapper.formatList;
-    EXPECT_EQ(records[2], list);
-    EXPECT_EQ(records[0], list->next);
-    EXPECT_EQ(records[1], list->next->next);
-    EXPECT_EQ(nullptr, records[1]->next);
-    mapper.clearFormatList();
-    free(format.formatName);
-    free(format.mimeType);
-    free(format.dlnaClass);
-}
-
-TEST_F(MediaMapperLoad, FailedAllocationsLoseOnlyWhatTheyWereFor) {
-    Write("<F><R><FormatName>one</FormatName><E>1</E></R><R><FormatName>two</FormatName></R></F>");
-    // Allocations in order: record one, "one", "1", record two, "two".
-    const std::string noRecord = "\r\nError:  failed to create media format structure.\r\n";
-    const Strings expected = {noRecord + "two|-|-|-|-|-|-|0|0 ", "-|1|-|-|-|-|-|0|0 two|-|-|-|-|-|-|0|0 ",
-                              "one|-|-|-|-|-|-|0|0 two|-|-|-|-|-|-|0|0 ", noRecord + "one|1|-|-|-|-|-|0|0 ",
-                              "one|1|-|-|-|-|-|0|0 -|-|-|-|-|-|-|0|0 "};
-    Strings loaded;
-    for (int failAt = 1; failAt <= 5; ++failAt) {
-        static int countdown;
-        countdown = failAt;
-        mediaMapperAlloc = [](size_t size) { return --countdown == 0 ? nullptr : malloc(size); };
-        TestMapper mapper;
-        msptest::CaptureFd out(1);
-        EXPECT_EQ(1, mapper.initialize());
-        mediaMapperAlloc = malloc;
-        loaded.push_back(out.Finish());
-        for (const std::string& record : DumpList(mapper.formatList)) loaded.back() += record + " ";
-    }
-    EXPECT_EQ(expected, loaded);
-}
-
-TEST_F(MediaMapperLoad, LockIsTheSemaphoreMediaMapper) {
-    Write("<F/>");
-    TestMapper mapper;
-    mapper.LockMutex();  // no lock yet: nothing happens
-    mapper.UnlockMutex();
-    ASSERT_EQ(1, mapper.initialize());
-    Mutex* made = mapper.mutex;
-    ASSERT_NE(nullptr, made);
-    EXPECT_EQ(::semget(108207, 1, 0), made->getid());
-    EXPECT_GT(made->getid(), 0);
-    mapper.uninitialize();
+    EXPECT_EQ(std::vector<char*>(4, plugins[0]), plugins) << "all loaded, one list made once";
+    EXPECT_EQ(semget(108207, 1, 0), mapper.mutex->getid());
+    const std::string ogg = "<F><R><E>ogg</E><F>one</F><F>three</F><P>p</P></R></F>";
+    Write(ogg);
     EXPECT_EQ(1, mapper.initialize());
-    EXPECT_EQ(made, mapper.mutex) << "one lock for the mapper's life";
-
-    // DeleteMutex removes the semaphore; a private one stands in for the shared one.
-    MediaMapper other;
-    other.DeleteMutex();  // none yet: nothing happens
-    other.mutex = new Mutex();
-    const int id = other.mutex->getid();
-    ASSERT_GT(id, 0);
-    other.DeleteMutex();
-    EXPECT_EQ(nullptr, other.mutex);
-    EXPECT_EQ(-1, ::semctl(id, 0, GETVAL));
-}
-
-TEST_F(MediaMapperLoad, LoadClearAndQueriesWaitForTheLock) {
-    Write("<F><R><E>mp3</E><M>audio/mpeg</M><P>mp3Parser</P></R></F>");
-    TestMapper mapper;
-    static Mutex* lock = new Mutex("MediaMapper");  // never deleted: that would remove the semaphore
-    char mp3[] = "mp3", mime[] = "audio/mpeg", parser[] = "mp3Parser";
-    const std::function<bool()> calls[] = {
-        [&] { return mapper.initialize() == 1; },
-        [&] { return mapper.getFormatInfoByExtension(mp3) != nullptr; },
-        [&] { return mapper.getExtensionListByMimeType(mime) != nullptr; },
-        [&] { return mapper.getExtensionListByPluginName(parser) != nullptr; },
-        [&] { return mapper.getUniqueParserPlugins() != nullptr; },
-        [&] { return mapper.uninitialize(), mapper.formatList == nullptr; },
+    EXPECT_EQ("-|mp3|-|0|-|-|0|p|-\n", Dump(mapper.formatList));
+    mapper.uninitialize();
+    static size_t failing;
+    mediaMapperAlloc = [](size_t size) { return size == failing ? nullptr : malloc(size); };
+    const std::tuple<std::string, size_t, const char*> files[] = {
+        {"<Any>\n <First a=\"x\"><FormatName>One</FormatName><E>a1</E></First>\n <Format/>\n "
+         "<Unclosed><E>wav</E>",
+         0, "One|a1|-|0|-|-|0|-|-\n-|-|-|0|-|-|0|-|-\n"},
+        {"</Stray><Root><R><E>x</E></R></Root>", 0, "-|-|-|0|-|-|0|-|-\n"},
+        {"<!-- c --><Root><R><E>x</E></R></Root>", 0, "-|-|-|0|-|-|0|-|-\n"},
+        {ogg, sizeof("three"), "one|ogg|-|0|-|-|0|p|-\n"},
+        {ogg, sizeof(MediaFormatInfo), ""},
     };
-    for (const auto& call : calls) {
-        lock->lock();
-        std::atomic<bool> done{false};
-        bool result = false;
-        std::thread caller([&] { result = call(), done = true; });
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        EXPECT_FALSE(done) << "call " << &call - calls << " ran while the lock was held";
-        lock->unlock();
-        caller.join();
-        EXPECT_TRUE(result) << "call " << &call - calls;
+    for (const auto& [file, fails, records] : files) {
+        Write(file);
+        failing = fails;
+        msptest::CaptureFd message(1);
+        EXPECT_EQ(1, mapper.initialize()) << file;
+        EXPECT_EQ(records, Dump(mapper.formatList)) << file;
+        mapper.uninitialize();
     }
+    mediaMapperAlloc = malloc;
 }
 
 }  // namespace

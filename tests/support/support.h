@@ -4,8 +4,11 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -133,5 +136,28 @@ key_t LockKey(const std::string& name);
 // A lock name of the test's own: `stem` and the pid, with dots behind until no semaphore set has its key, so
 // that runs side by side, and the services' four locks, stay apart.
 std::string LockName(const std::string& stem);
+
+// Threads of one process: a gate they wait at, a watchdog for calls that could block for good, a poll.
+// Generous limits: a loaded two-core machine, or emulation. kQuiet is how long "not yet" is watched for.
+constexpr std::chrono::seconds kLongWait(30);
+constexpr std::chrono::milliseconds kQuiet(250);
+
+class Gate {
+public:
+    void Open();
+    // True once open; false after `limit` without.
+    bool WaitOpen(std::chrono::milliseconds limit);
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cond_;
+    bool open_ = false;
+};
+
+// Runs `body` on a thread of its own; still blocked after kLongWait, it aborts the binary instead of hanging.
+void Within(const char* what, const std::function<void()>& body);
+
+// Polls `condition` for at most kLongWait.
+bool WaitUntil(const std::function<bool()>& condition);
 
 }  // namespace msptest

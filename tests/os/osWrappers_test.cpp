@@ -1,0 +1,35 @@
+// What the wrappers add to the system's answers: OS_Access only asks whether the path exists,
+// OS_CorrectURLForDirSearch writes the path and one slash, no more, the milliseconds stay below 1000, and
+// OS_Sleep counts microseconds.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "msplatform/eventLogger_specific.h"
+#include "msplatform/osSpecificFunctions.h"
+#include "support/support.h"
+
+namespace {
+
+TEST(OsWrappers, WhatTheyAddToTheSystem) {
+    msptest::TempDir dir;
+    std::string file = dir.file("locked");
+    msptest::WriteFile(file, "x");
+    chmod(file.c_str(), 0);
+    EXPECT_EQ(0, OS_Access(file.c_str(), R_OK | W_OK | X_OK));
+    msptest::GuardedBytes out(10);  // "/var/log/" and its terminator, then a page without access
+    char *to = out.data(), url[] = "/var/log";
+    EXPECT_EQ(9, OS_CorrectURLForDirSearch(url, &to));
+    EXPECT_EQ(std::string("/var/log/", 10), std::string(to, 10));
+    for (int i = 0; i < 2000; ++i) ASSERT_LT(unsigned(OS_GetTimeWithMilliSeconds()), 1000u);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, OS_Sleep(150000));
+    const auto slept = std::chrono::steady_clock::now() - start;
+    EXPECT_TRUE(slept >= std::chrono::milliseconds(150) && slept < std::chrono::seconds(30)) << "not 150 s";
+}
+
+}  // namespace

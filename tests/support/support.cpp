@@ -240,38 +240,39 @@ std::string LockName(const std::string& stem) {
     std::string name = stem + "." + std::to_string(::getpid());
     while (::semget(LockKey(name), 0, 0) != -1 || errno == EACCES) name += '.';
     return name;
+}
 
-    void Gate::Open() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        open_ = true;
-        cond_.notify_all();
-    }
+void Gate::Open() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    cond_.notify_all();
+}
 
-    bool Gate::WaitOpen(std::chrono::milliseconds limit) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cond_.wait_for(lock, limit, [this] { return open_; });
-    }
+bool Gate::WaitOpen(std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cond_.wait_for(lock, limit, [this] { return open_; });
+}
 
-    void Within(const char* what, const std::function<void()>& body) {
-        Gate done;
-        std::thread runner([&] {
-            body();
-            done.Open();
-        });
-        if (!done.WaitOpen(kLongWait)) {
-            std::fprintf(stderr, "%s: still blocked\n", what);
-            std::abort();
-        }
-        runner.join();
+void Within(const char* what, const std::function<void()>& body) {
+    Gate done;
+    std::thread runner([&] {
+        body();
+        done.Open();
+    });
+    if (!done.WaitOpen(kLongWait)) {
+        std::fprintf(stderr, "%s: still blocked\n", what);
+        std::abort();
     }
+    runner.join();
+}
 
-    bool WaitUntil(const std::function<bool()>& condition) {
-        const auto limit = std::chrono::steady_clock::now() + kLongWait;
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > limit) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
+bool WaitUntil(const std::function<bool()>& condition) {
+    const auto limit = std::chrono::steady_clock::now() + kLongWait;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > limit) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    return true;
+}
 
 }  // namespace msptest

@@ -141,13 +141,11 @@ TEST(XmlParser, RowsFromTheRules) {
         {"<a><a></a></a>",
          "0\n<a@1 #3 close=3 inner=<a></a>@3\n<a@4 #6 parent=0 close=2 inner=@6\n</a@8 #7 open=1\n"
          "</a@12 #11 open=0\n"},
-        {"<r b=\"1\" /><a x:b=\"1\" c='2 3'/>t<b/>",
-         "0\n<r@1 #11 empty peer=2 close=1 inner=@11 [@9=@9] [b@3=\"1\"@5]\n</r@1 #11 open=0 [/@9=/@9] "
-         "[b@3=\"1\"@5]\n"
-         "<a@12 #31 empty peer=4 close=3 inner=@31 [3'@27=3'@27] [c@22='2@24] [x@14:b@16=\"1\"@18]\n"
-         "</a@12 #31 open=2 [3'/@27=3'/@27] [c@22='2@24] [x@14:b@16=\"1\"@18]\n<b@33 #36 empty close=5 "
-         "inner=@36\n"
-         "</b@33 #36 open=4\n"},
+        {"<a x:b=\"1\" c='2 3'/>t<b/>",
+         "0\n<a@1 #20 empty peer=2 close=1 inner=@20 [3'@16=3'@16] [c@11='2@13] [x@3:b@5=\"1\"@7]\n"
+         "</a@1 #20 open=0 [3'/@16=3'/@16] [c@11='2@13] [x@3:b@5=\"1\"@7]\n<b@22 #25 empty close=3 "
+         "inner=@25\n"
+         "</b@22 #25 open=2\n"},
     };
     for (const auto& row : rows) {
         std::string text = row[0];

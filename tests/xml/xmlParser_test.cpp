@@ -4,7 +4,6 @@
 #include "msplatform/xmlParser.h"
 
 #include <algorithm>
-#include <atomic>
 #include <climits>
 #include <random>
 #include <string>

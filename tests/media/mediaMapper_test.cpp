@@ -3,7 +3,6 @@
 #include <strings.h>
 #include <sys/sem.h>
 
-#include <algorithm>
 #include <atomic>
 #include <random>
 #include <tuple>
@@ -48,7 +47,6 @@ struct MediaTable : ::testing::Test {
     msptest::ScopedChdir cwd{dir.path()};
 };
 const auto Write = [](const std::string& xml) { msptest::WriteFile("MediaFormats.xml", xml); };
-const auto Lower = [](std::string s) { return std::transform(s.begin(), s.end(), s.begin(), ::tolower), s; };
 
 // The load's rules: a tag names the first property of which it is a case-free prefix; an empty value sets
 // nothing; a later value replaces an earlier one, elements inside it kept as raw text; MediaType and
@@ -71,16 +69,15 @@ void Assign(Strings& f, const std::string& tag, const std::string& value) {
 // The first record that lists the extension as a whole token between commas (blanks kept, case-free, one
 // leading dot dropped), among the tokens ended within a list's first 1023 bytes; none for one over 55 bytes.
 int Lookup(const std::vector<Strings>& records, const std::string& extension) {
-    const std::string key = "," + Lower(extension.substr(extension.rfind('.', 0) == 0)) + ",";
+    const std::string key = "," + extension.substr(extension.rfind('.', 0) == 0) + ",";
     for (size_t r = 0; key.size() > 2 && key.size() <= 57 && r < records.size(); ++r)
         if (records[r][1] != "-" &&
-            ("," + Lower((records[r][1] + ",").substr(0, 1024))).find(key) != key.npos)
+            strcasestr(("," + records[r][1] + ",").substr(0, 1025).c_str(), key.c_str()))
             return int(r);
     return -1;
 }
 
-// Every getter of one extension (in bytes of its own), as Dump gives a record, then the byte that the parser
-// getter stores (it starts as 'x').
+// Every getter of one extension as Dump gives a record, then the byte the parser getter stores ('x' if none).
 std::string Fields(char* e) {
     char type = 'x';
     const std::string parser = Text(MF_GetParserNameByExtension(e, &type));
@@ -100,8 +97,8 @@ TEST_F(MediaTable, GeneratedTablesMatchTheRules) {
     Strings pieces = {"a", "B",  "ab", ".",  " ",       ",",    "video", "Class_Image_Item", "YES", "true",
                       "1", "no", "p",  "p2", "a&amp;b", "x\ny", "",      "<b>c</b>",         "c"};
     for (size_t n : {55, 56, 300}) pieces.push_back(std::string(n, n == 300 ? 'x' : 'e'));
-    // Tags and values a record at a time; first the limits: tokens ended by the terminator at byte 1024 and
-    // 1023 of a list, plug-in names of 1022 and 1023 bytes.
+    // Tag and value pairs a record at a time; first tokens ended at byte 1024 and 1023 of a list, plug-in
+    // names of 1022 and 1023 bytes.
     std::vector<std::vector<Strings>> tables = {
         {{"E", "a," + std::string(1020, 'x') + ",b", "P", std::string(1022, 'p')},
          {"E", std::string(1021, 'y') + ",c"}},

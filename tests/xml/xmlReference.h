@@ -1,6 +1,5 @@
 // What the parser must give, rule by rule, with no call into it: the splitters' pieces, the node list, the
-// links and result of the matching, the inner text and a tag's attributes. The xml tests and the xml fuzz
-// target compare the parser with these.
+// links and result of the matching, the inner text and a tag's attributes.
 #pragma once
 
 #include <string.h>
@@ -93,9 +92,8 @@ inline int ReferenceProcess(xml_node* first) {
     return open.empty() ? 0 : -3;
 }
 
-// xml_ReadInnerXML: the length, and where the inner text starts (null when nothing is written). The stack
-// holds the given node at its bottom, so the pop that empties it pops the given node: only that pop can
-// match.
+// xml_ReadInnerXML: the length, and where the inner text starts (null when nothing is written). Only the pop
+// that empties the stack, which holds the given node at its bottom, can match.
 inline std::pair<int, char*> ReferenceInner(xml_node* node) {
     int open = node->isStart ? 1 : 0;
     for (xml_node* n = node->next; n && open > 0; n = n->next)

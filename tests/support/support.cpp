@@ -1,9 +1,7 @@
 #include "support/support.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <ftw.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
@@ -18,45 +16,26 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <future>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 namespace msptest {
 
-namespace {
-
-std::string TempRoot() {
-    const char* dir = std::getenv("TMPDIR");
-    return dir && *dir ? dir : "/tmp";
-}
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-    ::remove(path);
-    return 0;
-}
-
-}  // namespace
-
-TempDir::TempDir() {
-    std::string pattern = TempRoot() + "/msplatform-test-XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (!::mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = buf.data();
+TempDir::TempDir() : path_(std::filesystem::temp_directory_path() / "msplatform-test-XXXXXX") {
+    if (!::mkdtemp(path_.data())) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() {
-    ::nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
 }
 
-ScopedChdir::ScopedChdir(const std::string& dir) {
-    char buf[4096];
-    if (!::getcwd(buf, sizeof buf)) throw std::runtime_error("getcwd failed");
-    previous_ = buf;
-    if (::chdir(dir.c_str()) != 0) throw std::runtime_error("chdir failed: " + dir);
+ScopedChdir::ScopedChdir(const std::string& dir) : previous_(std::filesystem::current_path()) {
+    std::filesystem::current_path(dir);
 }
 
 ScopedChdir::~ScopedChdir() {
@@ -79,13 +58,10 @@ pid_t StartChild(const std::function<int()>& body) {
 }
 
 int WaitChild(pid_t pid, int timeoutMs) {
-    if (pid <= 0) return kChildSignalled;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     int status = 0;
-    for (;;) {
-        pid_t r = ::waitpid(pid, &status, WNOHANG);
-        if (r == pid) break;
-        if (r < 0) return kChildSignalled;
+    pid_t found = 0;
+    while (pid > 0 && (found = ::waitpid(pid, &status, WNOHANG)) == 0) {
         if (std::chrono::steady_clock::now() >= deadline) {
             ::kill(pid, SIGKILL);
             ::waitpid(pid, &status, 0);
@@ -93,8 +69,7 @@ int WaitChild(pid_t pid, int timeoutMs) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    return kChildSignalled;
+    return found == pid && WIFEXITED(status) ? WEXITSTATUS(status) : kChildSignalled;
 }
 
 int RunChild(const std::function<int()>& body, int timeoutMs) {
@@ -130,22 +105,16 @@ std::vector<std::string> ListDir(const std::string& dir) {
     return names;
 }
 
-CaptureFd::CaptureFd(int fd) : fd_(fd) {
-    std::string pattern = TempRoot() + "/msplatform-capture-XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    int tmp = ::mkstemp(buf.data());
-    if (tmp < 0) throw std::runtime_error("mkstemp failed");
-    path_ = buf.data();
+CaptureFd::CaptureFd(int fd) : fd_(fd), file_(::memfd_create("capture", 0)) {
+    if (file_ < 0) throw std::runtime_error("memfd_create failed");
     std::fflush(nullptr);
     saved_ = ::dup(fd_);
-    ::dup2(tmp, fd_);
-    ::close(tmp);
+    ::dup2(file_, fd_);
 }
 
 CaptureFd::~CaptureFd() {
     Finish();
-    ::unlink(path_.c_str());
+    ::close(file_);
 }
 
 std::string CaptureFd::Finish() {
@@ -154,7 +123,7 @@ std::string CaptureFd::Finish() {
     ::dup2(saved_, fd_);
     ::close(saved_);
     saved_ = -1;
-    return ReadFile(path_);
+    return ReadFile("/proc/self/fd/" + std::to_string(file_));
 }
 
 GuardedBytes::GuardedBytes(size_t size, unsigned char fill) : size_(size) {
@@ -183,10 +152,8 @@ GuardedBytes::~GuardedBytes() {
     if (base_ != nullptr) ::munmap(base_, span_);
 }
 
-namespace {
 constexpr size_t kChunk = 1 << 20;
 constexpr size_t kSlack = 1 << 16;  // a multiple of any page size
-}  // namespace
 
 RepeatedText::RepeatedText(char byte, size_t megabytes) : size_(megabytes * kChunk + kSlack) {
     const int fd = ::memfd_create("repeated", 0);
@@ -254,16 +221,11 @@ bool Gate::WaitOpen(std::chrono::milliseconds limit) {
 }
 
 void Within(const char* what, const std::function<void()>& body) {
-    Gate done;
-    std::thread runner([&] {
-        body();
-        done.Open();
-    });
-    if (!done.WaitOpen(kLongWait)) {
+    std::future<void> done = std::async(std::launch::async, body);
+    if (done.wait_for(kLongWait) == std::future_status::timeout) {
         std::fprintf(stderr, "%s: still blocked\n", what);
         std::abort();
     }
-    runner.join();
 }
 
 bool WaitUntil(const std::function<bool()>& condition) {

@@ -14,13 +14,18 @@
 
 namespace msptest {
 
+// The helpers below own something that a copy would release twice.
+struct NoCopy {
+    NoCopy() = default;
+    NoCopy(const NoCopy&) = delete;
+    NoCopy& operator=(const NoCopy&) = delete;
+};
+
 // A fresh directory under $TMPDIR (or /tmp), removed with everything in it at the end of the scope.
-class TempDir {
+class TempDir : NoCopy {
 public:
     TempDir();
     ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
 
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
@@ -30,12 +35,10 @@ private:
 };
 
 // Changes the working directory for the scope and restores the previous one.
-class ScopedChdir {
+class ScopedChdir : NoCopy {
 public:
     explicit ScopedChdir(const std::string& dir);
     ~ScopedChdir();
-    ScopedChdir(const ScopedChdir&) = delete;
-    ScopedChdir& operator=(const ScopedChdir&) = delete;
 
 private:
     std::string previous_;
@@ -51,7 +54,6 @@ constexpr int kChildTimedOut = -1000;
 constexpr int kChildSignalled = -1001;
 int WaitChild(pid_t pid, int timeoutMs);
 
-// StartChild and WaitChild in one.
 int RunChild(const std::function<int()>& body, int timeoutMs);
 
 std::string ReadFile(const std::string& path);
@@ -62,31 +64,27 @@ bool FileExists(const std::string& path);
 std::vector<std::string> ListDir(const std::string& dir);
 
 // Redirects a file descriptor (1 or 2) into a temporary file until Finish, which returns what was written.
-class CaptureFd {
+class CaptureFd : NoCopy {
 public:
     explicit CaptureFd(int fd);
     ~CaptureFd();
-    CaptureFd(const CaptureFd&) = delete;
-    CaptureFd& operator=(const CaptureFd&) = delete;
 
     std::string Finish();
 
 private:
     int fd_;
+    int file_;
     int saved_ = -1;
-    std::string path_;
 };
 
 // `size` bytes that end right before a page without access (filled with `fill`): a read or write one byte
 // beyond them faults, natively and under emulation, with or without the sanitizers.
-class GuardedBytes {
+class GuardedBytes : NoCopy {
 public:
     explicit GuardedBytes(size_t size, unsigned char fill = 0);
     // A zero-terminated copy of `text` whose terminator is the last accessible byte.
     static GuardedBytes String(const std::string& text);
     GuardedBytes(GuardedBytes&& other) noexcept;
-    GuardedBytes(const GuardedBytes&) = delete;
-    GuardedBytes& operator=(const GuardedBytes&) = delete;
     ~GuardedBytes();
 
     char* data() { return data_; }
@@ -101,12 +99,10 @@ private:
 
 // `megabytes` MiB of one byte, then the terminator, costing one MiB of memory (one MiB of a memory file
 // mapped again and again). text() is null if the system refuses.
-class RepeatedText {
+class RepeatedText : NoCopy {
 public:
     RepeatedText(char byte, size_t megabytes);
     ~RepeatedText();
-    RepeatedText(const RepeatedText&) = delete;
-    RepeatedText& operator=(const RepeatedText&) = delete;
     const char* text() const { return text_; }
 
 private:
@@ -116,12 +112,10 @@ private:
 };
 
 // One-byte signals between processes (made before the fork), with a time-out on the reading side.
-class Pipe {
+class Pipe : NoCopy {
 public:
     Pipe();
     ~Pipe();
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
 
     void Send();
     // True once a byte came; false after `timeoutMs` without one.

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <poll.h>
-#include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <signal.h>
@@ -12,14 +11,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <future>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -32,14 +28,6 @@ TempDir::TempDir() : path_(std::filesystem::temp_directory_path() / "msplatform-
 TempDir::~TempDir() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
-}
-
-ScopedChdir::ScopedChdir(const std::string& dir) : previous_(std::filesystem::current_path()) {
-    std::filesystem::current_path(dir);
-}
-
-ScopedChdir::~ScopedChdir() {
-    if (::chdir(previous_.c_str()) != 0) std::abort();
 }
 
 pid_t StartChild(const std::function<int()>& body) {
@@ -72,15 +60,9 @@ int WaitChild(pid_t pid, int timeoutMs) {
     return found == pid && WIFEXITED(status) ? WEXITSTATUS(status) : kChildSignalled;
 }
 
-int RunChild(const std::function<int()>& body, int timeoutMs) {
-    return WaitChild(StartChild(body), timeoutMs);
-}
-
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void WriteFile(const std::string& path, const std::string& bytes) {
@@ -197,27 +179,10 @@ bool Pipe::Wait(int timeoutMs) {
     return ::read(fd_[0], &c, 1) == 1;
 }
 
-key_t LockKey(const std::string& name) {
-    unsigned int sum = 0;
-    for (unsigned char c : name) sum += c;
-    return static_cast<key_t>(sum * 99u);
-}
-
 std::string LockName(const std::string& stem) {
     std::string name = stem + "." + std::to_string(::getpid());
     while (::semget(LockKey(name), 0, 0) != -1 || errno == EACCES) name += '.';
     return name;
-}
-
-void Gate::Open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    cond_.notify_all();
-}
-
-bool Gate::WaitOpen(std::chrono::milliseconds limit) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, limit, [this] { return open_; });
 }
 
 void Within(const char* what, const std::function<void()>& body) {

@@ -5,10 +5,9 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
+#include <filesystem>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -37,11 +36,11 @@ private:
 // Changes the working directory for the scope and restores the previous one.
 class ScopedChdir : NoCopy {
 public:
-    explicit ScopedChdir(const std::string& dir);
-    ~ScopedChdir();
+    explicit ScopedChdir(const std::string& dir) { std::filesystem::current_path(dir); }
+    ~ScopedChdir() { std::filesystem::current_path(previous_); }
 
 private:
-    std::string previous_;
+    const std::filesystem::path previous_ = std::filesystem::current_path();
 };
 
 // Forks a child that runs `body` and ends with _exit(body()): a child must never run the static destructors,
@@ -54,7 +53,9 @@ constexpr int kChildTimedOut = -1000;
 constexpr int kChildSignalled = -1001;
 int WaitChild(pid_t pid, int timeoutMs);
 
-int RunChild(const std::function<int()>& body, int timeoutMs);
+inline int RunChild(const std::function<int()>& body, int timeoutMs) {
+    return WaitChild(StartChild(body), timeoutMs);
+}
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
@@ -126,27 +127,19 @@ private:
 };
 
 // The key of a lock name: the sum of its bytes (each 0 to 255) times 99.
-key_t LockKey(const std::string& name);
+inline key_t LockKey(const std::string& name) {
+    unsigned sum = 0;
+    for (unsigned char c : name) sum += c;
+    return key_t(sum * 99u);
+}
 // A lock name of the test's own: `stem` and the pid, with dots behind until no semaphore set has its key, so
 // that runs side by side, and the services' four locks, stay apart.
 std::string LockName(const std::string& stem);
 
-// Threads of one process: a gate they wait at, a watchdog for calls that could block for good, a poll.
-// Generous limits: a loaded two-core machine, or emulation. kQuiet is how long "not yet" is watched for.
+// Threads of one process: a watchdog for calls that could block for good, a poll. Generous limits: a loaded
+// two-core machine, or emulation. kQuiet is how long "not yet" is watched for.
 constexpr std::chrono::seconds kLongWait(30);
 constexpr std::chrono::milliseconds kQuiet(250);
-
-class Gate {
-public:
-    void Open();
-    // True once open; false after `limit` without.
-    bool WaitOpen(std::chrono::milliseconds limit);
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    bool open_ = false;
-};
 
 // Runs `body` on a thread of its own; still blocked after kLongWait, it aborts the binary instead of hanging.
 void Within(const char* what, const std::function<void()>& body);

@@ -75,7 +75,7 @@ TEST(DirWalk, EntriesTheirNamesOnDiskAndThePathLimits) {
         {"\xF0\x9F\x98\x80" + j, L"\U0001F600" + Wide(j), ""},
     };
     for (bool flagRefused : {false, true}) {
-        ostest::SystemCallsGuard guard;
+        SystemCallsGuard guard;
         if (flagRefused)
             osSystemCalls.renameAt2 = [](int, const char*, int, const char*, unsigned) {
                 return errno = EINVAL, -1;

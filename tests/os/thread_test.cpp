@@ -50,8 +50,7 @@ bool Waiting(TestThread* thread) {
     return WaitUntil([thread] { return thread->Waiters() == 1; });
 }
 
-// Waits until the thread has finished, then deletes it: its body must have begun before the derived part
-// goes.
+// Waits until the thread has finished, then deletes it (its body must begin before the derived part goes).
 void Finish(TestThread* thread) {
     Within("wait, then delete", [thread] {
         while (!thread->isFinished()) thread->wait();
@@ -133,7 +132,7 @@ TEST(Thread, CancelledNeverMadeAndSleep) {
     }
     EXPECT_LT(maps(), mapped + 3000) << "the maps grew from " << mapped;
 
-    ostest::SystemCallsGuard guard;
+    SystemCallsGuard guard;
     osSystemCalls.pthreadCreate = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
         return EAGAIN;
     };

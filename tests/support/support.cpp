@@ -19,6 +19,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include <gtest/gtest.h>
+
 namespace msptest {
 
 TempDir::TempDir() : path_(std::filesystem::temp_directory_path() / "msplatform-test-XXXXXX") {
@@ -32,17 +34,15 @@ TempDir::~TempDir() {
 
 pid_t StartChild(const std::function<int()>& body) {
     std::fflush(nullptr);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        int rc = 111;
-        try {
-            rc = body();
-        } catch (...) {
-        }
-        std::fflush(nullptr);
-        ::_exit(rc);
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    int rc = 111;
+    try {
+        rc = body();
+    } catch (...) {
     }
-    return pid;
+    std::fflush(nullptr);
+    ::_exit(rc);
 }
 
 int WaitChild(pid_t pid, int timeoutMs) {
@@ -61,13 +61,11 @@ int WaitChild(pid_t pid, int timeoutMs) {
 }
 
 std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    return std::string(std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {});
 }
 
 void WriteFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 bool FileExists(const std::string& path) {
@@ -174,9 +172,8 @@ void Pipe::Send() {
 
 bool Pipe::Wait(int timeoutMs) {
     struct pollfd p = {fd_[0], POLLIN, 0};
-    if (::poll(&p, 1, timeoutMs) != 1) return false;
     char c;
-    return ::read(fd_[0], &c, 1) == 1;
+    return ::poll(&p, 1, timeoutMs) == 1 && ::read(fd_[0], &c, 1) == 1;
 }
 
 std::string LockName(const std::string& stem) {
@@ -195,11 +192,22 @@ void Within(const char* what, const std::function<void()>& body) {
 
 bool WaitUntil(const std::function<bool()>& condition) {
     const auto limit = std::chrono::steady_clock::now() + kLongWait;
-    while (!condition()) {
+    for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(1)))
         if (std::chrono::steady_clock::now() > limit) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
     return true;
 }
 
 }  // namespace msptest
+
+// On a fresh system the first semaphore set gets the id 0, which the lock treats as inert. Making and
+// removing one set moves the kernel's sequence on, so that no set made later can get that id. It runs
+// before the library's own static objects, which make their semaphores at load.
+struct SpendSemaphoreIdZero {
+    SpendSemaphoreIdZero() { ::semctl(::semget(IPC_PRIVATE, 1, IPC_CREAT | 0600), 0, IPC_RMID); }
+};
+__attribute__((init_priority(101))) static SpendSemaphoreIdZero spendSemaphoreIdZero;
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

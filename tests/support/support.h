@@ -1,5 +1,4 @@
-// Helpers shared by the test binaries: temporary directories, children with a time-out, file contents and
-// capture of the standard streams.
+// Helpers shared by the test binaries: temporary files, children, captures, guarded bytes, locks, threads.
 #pragma once
 
 #include <sys/types.h>
@@ -136,8 +135,7 @@ inline key_t LockKey(const std::string& name) {
 // that runs side by side, and the services' four locks, stay apart.
 std::string LockName(const std::string& stem);
 
-// Threads of one process: a watchdog for calls that could block for good, a poll. Generous limits: a loaded
-// two-core machine, or emulation. kQuiet is how long "not yet" is watched for.
+// Generous limits for a loaded two-core machine or emulation; kQuiet is how long "not yet" is watched for.
 constexpr std::chrono::seconds kLongWait(30);
 constexpr std::chrono::milliseconds kQuiet(250);
 

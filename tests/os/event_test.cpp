@@ -29,7 +29,7 @@ int Scripted() {
 // moves its deadline; another error ends it. The deadline carries microseconds into seconds, takes the
 // argument as unsigned, and stays within time_t.
 TEST(Event, SetWaitResetWakeUpsAndDeadlines) {
-    ostest::SystemCallsGuard guard;
+    SystemCallsGuard guard;
     Event event;
     msptest::Within("waits", [&] {
         EXPECT_EQ(0, event.wait(0));

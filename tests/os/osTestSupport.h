@@ -4,11 +4,7 @@
 #include "os/internal.h"
 #include "support/support.h"
 
-namespace ostest {
-
 struct SystemCallsGuard {
     OsSystemCalls saved = osSystemCalls;
     ~SystemCallsGuard() { osSystemCalls = saved; }
 };
-
-}  // namespace ostest

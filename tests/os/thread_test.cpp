@@ -12,14 +12,14 @@
 
 namespace {
 
-using msptest::kLongWait;
+using msptest::WaitUntil;
 using msptest::Within;
 
 std::atomic<int> deleted{0};
 
 struct Probe {  // what a test thread shares with its test; it outlives the object
     std::function<void()> end = [] {};
-    msptest::Gate entered, release;
+    std::atomic<bool> released{false};
     std::atomic<int> runs{0};
 };
 
@@ -27,7 +27,7 @@ struct Counter {  // destroyed after Thread: counts the objects whose ~Thread ha
     ~Counter() { ++deleted; }
 };
 
-// Held at the start; its body enters, waits at the probe's gate, then ends as the probe says.
+// Held at the start; its body counts its run, waits until the probe releases it, then ends as the probe says.
 struct TestThread : Counter, Thread {
     explicit TestThread(Probe* probe, int selfDeleting = 0) : Thread(1, selfDeleting, 0), probe_(probe) {}
     int Waiters() {
@@ -38,15 +38,24 @@ struct TestThread : Counter, Thread {
     pthread_t Id() const { return threadId; }
     int LastError() const { return lastError; }
     void run() override {
-        Probe* probe = probe_;  // the derived members may be gone once the body waits at the gate
-        ++probe->runs, probe->entered.Open(), probe->release.WaitOpen(kLongWait);
+        Probe* probe = probe_;  // the derived members may be gone once the body waits
+        ++probe->runs;
+        WaitUntil([probe] { return probe->released.load(); });
         probe->end();
     }
     Probe* probe_;
 };
 
 bool Waiting(TestThread* thread) {
-    return msptest::WaitUntil([thread] { return thread->Waiters() == 1; });
+    return WaitUntil([thread] { return thread->Waiters() == 1; });
+}
+
+// Waits until the thread has finished, then deletes it (its body must begin before the derived part goes).
+void Finish(TestThread* thread) {
+    Within("wait, then delete", [thread] {
+        while (!thread->isFinished()) thread->wait();
+        delete thread;
+    });
 }
 
 // A held thread starts at resume, which also lets a caller of wait go; deleting waits for the body; however
@@ -65,22 +74,23 @@ TEST(Thread, HeldResumedEndedAndDeleted) {
             std::thread waiter([&] { thread->wait(); });
             ASSERT_TRUE(Waiting(thread));
             const bool watch = &end == ends;  // "not yet" is watched for once per mode
-            EXPECT_FALSE(watch && probe.entered.WaitOpen(msptest::kQuiet));
+            if (watch) std::this_thread::sleep_for(msptest::kQuiet);
+            EXPECT_EQ(0, probe.runs);
             thread->resume();
             Within("the waiter, released by resume", [&] { waiter.join(); });
-            ASSERT_TRUE(probe.entered.WaitOpen(kLongWait));
+            ASSERT_TRUE(WaitUntil([&] { return probe.runs == 1; }));
             waiter = std::thread([&] { thread->wait(); });
             ASSERT_TRUE(Waiting(thread));
             if (!selfDeleting) {
                 std::thread owner([&] { delete thread; });
                 if (watch) std::this_thread::sleep_for(msptest::kQuiet);
                 EXPECT_EQ(before, deleted) << "deleted before the body ended";
-                probe.release.Open();
+                probe.released = true;
                 Within("the owner and the waiter", [&] { owner.join(), waiter.join(); });
             } else {
-                probe.release.Open();
+                probe.released = true;
                 Within("the waiter", [&] { waiter.join(); });
-                EXPECT_TRUE(msptest::WaitUntil([&] { return deleted == before + 1; }));
+                EXPECT_TRUE(WaitUntil([&] { return deleted == before + 1; }));
             }
             EXPECT_EQ(1, probe.runs);
         }
@@ -95,7 +105,7 @@ TEST(Thread, CancelledNeverMadeAndSleep) {
     TestThread* thread = new TestThread(&probe);
     thread->Waiters();  // orders the construction before the cancellation for the sanitizer
     ASSERT_EQ(0, pthread_cancel(thread->Id()));
-    ASSERT_TRUE(msptest::WaitUntil([thread] { return thread->isFinished() == 1; }));
+    ASSERT_TRUE(WaitUntil([thread] { return thread->isFinished() == 1; }));
     Within("resume and delete a cancelled thread", [thread] { thread->resume(), delete thread; });
     EXPECT_EQ(0, probe.runs);
 
@@ -108,12 +118,9 @@ TEST(Thread, CancelledNeverMadeAndSleep) {
     ASSERT_EQ(0, pthread_cancel(waiter));
     Within("join the cancelled waiter", [waiter] { pthread_join(waiter, nullptr); });
     EXPECT_EQ(0, thread->Waiters());
-    probe.release.Open();
+    probe.released = true;
     thread->resume();
-    Within("wait, then delete", [thread] {  // the body must have begun before the derived part goes
-        while (!thread->isFinished()) thread->wait();
-        delete thread;
-    });
+    Finish(thread);
 
     // Deleting gives a thread's resources back: the stacks of ended threads don't pile up.
     auto maps = [] { return msptest::ReadFile("/proc/self/maps").size(); };
@@ -121,14 +128,11 @@ TEST(Thread, CancelledNeverMadeAndSleep) {
     for (int i = 0; i < 80; ++i) {
         thread = new TestThread(&probe);
         thread->resume();
-        Within("a thread that ends", [thread] {
-            while (!thread->isFinished()) thread->wait();
-            delete thread;
-        });
+        Finish(thread);
     }
     EXPECT_LT(maps(), mapped + 3000) << "the maps grew from " << mapped;
 
-    ostest::SystemCallsGuard guard;
+    SystemCallsGuard guard;
     osSystemCalls.pthreadCreate = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
         return EAGAIN;
     };

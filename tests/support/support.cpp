@@ -1,10 +1,7 @@
 #include "support/support.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <ftw.h>
-#include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <signal.h>
@@ -14,78 +11,45 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <future>
 #include <stdexcept>
 #include <thread>
-#include <vector>
+
+#include <gtest/gtest.h>
 
 namespace msptest {
 
-namespace {
-
-std::string TempRoot() {
-    const char* dir = std::getenv("TMPDIR");
-    return dir && *dir ? dir : "/tmp";
-}
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-    ::remove(path);
-    return 0;
-}
-
-}  // namespace
-
-TempDir::TempDir() {
-    std::string pattern = TempRoot() + "/msplatform-test-XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (!::mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = buf.data();
+TempDir::TempDir() : path_(std::filesystem::temp_directory_path() / "msplatform-test-XXXXXX") {
+    if (!::mkdtemp(path_.data())) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() {
-    ::nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
-ScopedChdir::ScopedChdir(const std::string& dir) {
-    char buf[4096];
-    if (!::getcwd(buf, sizeof buf)) throw std::runtime_error("getcwd failed");
-    previous_ = buf;
-    if (::chdir(dir.c_str()) != 0) throw std::runtime_error("chdir failed: " + dir);
-}
-
-ScopedChdir::~ScopedChdir() {
-    if (::chdir(previous_.c_str()) != 0) std::abort();
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
 }
 
 pid_t StartChild(const std::function<int()>& body) {
     std::fflush(nullptr);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        int rc = 111;
-        try {
-            rc = body();
-        } catch (...) {
-        }
-        std::fflush(nullptr);
-        ::_exit(rc);
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    int rc = 111;
+    try {
+        rc = body();
+    } catch (...) {
     }
-    return pid;
+    std::fflush(nullptr);
+    ::_exit(rc);
 }
 
 int WaitChild(pid_t pid, int timeoutMs) {
-    if (pid <= 0) return kChildSignalled;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     int status = 0;
-    for (;;) {
-        pid_t r = ::waitpid(pid, &status, WNOHANG);
-        if (r == pid) break;
-        if (r < 0) return kChildSignalled;
+    pid_t found = 0;
+    while (pid > 0 && (found = ::waitpid(pid, &status, WNOHANG)) == 0) {
         if (std::chrono::steady_clock::now() >= deadline) {
             ::kill(pid, SIGKILL);
             ::waitpid(pid, &status, 0);
@@ -93,24 +57,15 @@ int WaitChild(pid_t pid, int timeoutMs) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    return kChildSignalled;
-}
-
-int RunChild(const std::function<int()>& body, int timeoutMs) {
-    return WaitChild(StartChild(body), timeoutMs);
+    return found == pid && WIFEXITED(status) ? WEXITSTATUS(status) : kChildSignalled;
 }
 
 std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    return std::string(std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {});
 }
 
 void WriteFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 bool FileExists(const std::string& path) {
@@ -130,22 +85,16 @@ std::vector<std::string> ListDir(const std::string& dir) {
     return names;
 }
 
-CaptureFd::CaptureFd(int fd) : fd_(fd) {
-    std::string pattern = TempRoot() + "/msplatform-capture-XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    int tmp = ::mkstemp(buf.data());
-    if (tmp < 0) throw std::runtime_error("mkstemp failed");
-    path_ = buf.data();
+CaptureFd::CaptureFd(int fd) : fd_(fd), file_(::memfd_create("capture", 0)) {
+    if (file_ < 0) throw std::runtime_error("memfd_create failed");
     std::fflush(nullptr);
     saved_ = ::dup(fd_);
-    ::dup2(tmp, fd_);
-    ::close(tmp);
+    ::dup2(file_, fd_);
 }
 
 CaptureFd::~CaptureFd() {
     Finish();
-    ::unlink(path_.c_str());
+    ::close(file_);
 }
 
 std::string CaptureFd::Finish() {
@@ -154,7 +103,7 @@ std::string CaptureFd::Finish() {
     ::dup2(saved_, fd_);
     ::close(saved_);
     saved_ = -1;
-    return ReadFile(path_);
+    return ReadFile("/proc/self/fd/" + std::to_string(file_));
 }
 
 GuardedBytes::GuardedBytes(size_t size, unsigned char fill) : size_(size) {
@@ -183,10 +132,8 @@ GuardedBytes::~GuardedBytes() {
     if (base_ != nullptr) ::munmap(base_, span_);
 }
 
-namespace {
 constexpr size_t kChunk = 1 << 20;
 constexpr size_t kSlack = 1 << 16;  // a multiple of any page size
-}  // namespace
 
 RepeatedText::RepeatedText(char byte, size_t megabytes) : size_(megabytes * kChunk + kSlack) {
     const int fd = ::memfd_create("repeated", 0);
@@ -225,15 +172,8 @@ void Pipe::Send() {
 
 bool Pipe::Wait(int timeoutMs) {
     struct pollfd p = {fd_[0], POLLIN, 0};
-    if (::poll(&p, 1, timeoutMs) != 1) return false;
     char c;
-    return ::read(fd_[0], &c, 1) == 1;
-}
-
-key_t LockKey(const std::string& name) {
-    unsigned int sum = 0;
-    for (unsigned char c : name) sum += c;
-    return static_cast<key_t>(sum * 99u);
+    return ::poll(&p, 1, timeoutMs) == 1 && ::read(fd_[0], &c, 1) == 1;
 }
 
 std::string LockName(const std::string& stem) {
@@ -242,37 +182,32 @@ std::string LockName(const std::string& stem) {
     return name;
 }
 
-void Gate::Open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    cond_.notify_all();
-}
-
-bool Gate::WaitOpen(std::chrono::milliseconds limit) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, limit, [this] { return open_; });
-}
-
 void Within(const char* what, const std::function<void()>& body) {
-    Gate done;
-    std::thread runner([&] {
-        body();
-        done.Open();
-    });
-    if (!done.WaitOpen(kLongWait)) {
+    std::future<void> done = std::async(std::launch::async, body);
+    if (done.wait_for(kLongWait) == std::future_status::timeout) {
         std::fprintf(stderr, "%s: still blocked\n", what);
         std::abort();
     }
-    runner.join();
 }
 
 bool WaitUntil(const std::function<bool()>& condition) {
     const auto limit = std::chrono::steady_clock::now() + kLongWait;
-    while (!condition()) {
+    for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(1)))
         if (std::chrono::steady_clock::now() > limit) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
     return true;
 }
 
 }  // namespace msptest
+
+// On a fresh system the first semaphore set gets the id 0, which the lock treats as inert. Making and
+// removing one set moves the kernel's sequence on, so that no set made later can get that id. It runs
+// before the library's own static objects, which make their semaphores at load.
+struct SpendSemaphoreIdZero {
+    SpendSemaphoreIdZero() { ::semctl(::semget(IPC_PRIVATE, 1, IPC_CREAT | 0600), 0, IPC_RMID); }
+};
+__attribute__((init_priority(101))) static SpendSemaphoreIdZero spendSemaphoreIdZero;
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

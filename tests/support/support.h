@@ -1,26 +1,29 @@
-// Helpers shared by the test binaries: temporary directories, children with a time-out, file contents and
-// capture of the standard streams.
+// Helpers shared by the test binaries: temporary files, children, captures, guarded bytes, locks, threads.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
+#include <filesystem>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
 namespace msptest {
 
+// The helpers below own something that a copy would release twice.
+struct NoCopy {
+    NoCopy() = default;
+    NoCopy(const NoCopy&) = delete;
+    NoCopy& operator=(const NoCopy&) = delete;
+};
+
 // A fresh directory under $TMPDIR (or /tmp), removed with everything in it at the end of the scope.
-class TempDir {
+class TempDir : NoCopy {
 public:
     TempDir();
     ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
 
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
@@ -30,15 +33,13 @@ private:
 };
 
 // Changes the working directory for the scope and restores the previous one.
-class ScopedChdir {
+class ScopedChdir : NoCopy {
 public:
-    explicit ScopedChdir(const std::string& dir);
-    ~ScopedChdir();
-    ScopedChdir(const ScopedChdir&) = delete;
-    ScopedChdir& operator=(const ScopedChdir&) = delete;
+    explicit ScopedChdir(const std::string& dir) { std::filesystem::current_path(dir); }
+    ~ScopedChdir() { std::filesystem::current_path(previous_); }
 
 private:
-    std::string previous_;
+    const std::filesystem::path previous_ = std::filesystem::current_path();
 };
 
 // Forks a child that runs `body` and ends with _exit(body()): a child must never run the static destructors,
@@ -51,8 +52,9 @@ constexpr int kChildTimedOut = -1000;
 constexpr int kChildSignalled = -1001;
 int WaitChild(pid_t pid, int timeoutMs);
 
-// StartChild and WaitChild in one.
-int RunChild(const std::function<int()>& body, int timeoutMs);
+inline int RunChild(const std::function<int()>& body, int timeoutMs) {
+    return WaitChild(StartChild(body), timeoutMs);
+}
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
@@ -62,31 +64,27 @@ bool FileExists(const std::string& path);
 std::vector<std::string> ListDir(const std::string& dir);
 
 // Redirects a file descriptor (1 or 2) into a temporary file until Finish, which returns what was written.
-class CaptureFd {
+class CaptureFd : NoCopy {
 public:
     explicit CaptureFd(int fd);
     ~CaptureFd();
-    CaptureFd(const CaptureFd&) = delete;
-    CaptureFd& operator=(const CaptureFd&) = delete;
 
     std::string Finish();
 
 private:
     int fd_;
+    int file_;
     int saved_ = -1;
-    std::string path_;
 };
 
 // `size` bytes that end right before a page without access (filled with `fill`): a read or write one byte
 // beyond them faults, natively and under emulation, with or without the sanitizers.
-class GuardedBytes {
+class GuardedBytes : NoCopy {
 public:
     explicit GuardedBytes(size_t size, unsigned char fill = 0);
     // A zero-terminated copy of `text` whose terminator is the last accessible byte.
     static GuardedBytes String(const std::string& text);
     GuardedBytes(GuardedBytes&& other) noexcept;
-    GuardedBytes(const GuardedBytes&) = delete;
-    GuardedBytes& operator=(const GuardedBytes&) = delete;
     ~GuardedBytes();
 
     char* data() { return data_; }
@@ -101,12 +99,10 @@ private:
 
 // `megabytes` MiB of one byte, then the terminator, costing one MiB of memory (one MiB of a memory file
 // mapped again and again). text() is null if the system refuses.
-class RepeatedText {
+class RepeatedText : NoCopy {
 public:
     RepeatedText(char byte, size_t megabytes);
     ~RepeatedText();
-    RepeatedText(const RepeatedText&) = delete;
-    RepeatedText& operator=(const RepeatedText&) = delete;
     const char* text() const { return text_; }
 
 private:
@@ -116,12 +112,10 @@ private:
 };
 
 // One-byte signals between processes (made before the fork), with a time-out on the reading side.
-class Pipe {
+class Pipe : NoCopy {
 public:
     Pipe();
     ~Pipe();
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
 
     void Send();
     // True once a byte came; false after `timeoutMs` without one.
@@ -132,27 +126,18 @@ private:
 };
 
 // The key of a lock name: the sum of its bytes (each 0 to 255) times 99.
-key_t LockKey(const std::string& name);
+inline key_t LockKey(const std::string& name) {
+    unsigned sum = 0;
+    for (unsigned char c : name) sum += c;
+    return key_t(sum * 99u);
+}
 // A lock name of the test's own: `stem` and the pid, with dots behind until no semaphore set has its key, so
 // that runs side by side, and the services' four locks, stay apart.
 std::string LockName(const std::string& stem);
 
-// Threads of one process: a gate they wait at, a watchdog for calls that could block for good, a poll.
-// Generous limits: a loaded two-core machine, or emulation. kQuiet is how long "not yet" is watched for.
+// Generous limits for a loaded two-core machine or emulation; kQuiet is how long "not yet" is watched for.
 constexpr std::chrono::seconds kLongWait(30);
 constexpr std::chrono::milliseconds kQuiet(250);
-
-class Gate {
-public:
-    void Open();
-    // True once open; false after `limit` without.
-    bool WaitOpen(std::chrono::milliseconds limit);
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    bool open_ = false;
-};
 
 // Runs `body` on a thread of its own; still blocked after kLongWait, it aborts the binary instead of hanging.
 void Within(const char* what, const std::function<void()>& body);

@@ -196,8 +196,7 @@ TEST_F(CliLog, FollowSeesEveryLineOnceAcrossRotations) {
 // A lock held by a child while another waits, and a name without a set; reading changes nothing.
 TEST(Cli, LocksHeldByAChildWithAWaiter) {
     const std::string name = "msplatCliLocksTest", none = "msplatCliLocksNone";
-    ASSERT_EQ(semget(182655, 0, 0), -1);  // the key of `none`, the sum of its bytes times 99
-    Mutex lock(name.c_str());             // the only object that removes the set, at the end of the test
+    Mutex lock(name.c_str());  // the only object that removes the set, at the end of the test
     Pipe held, release;
     // The children use the parent's object: one of their own would remove the set when they end.
     const pid_t holder = StartChild([&] {
@@ -217,7 +216,7 @@ TEST(Cli, LocksHeldByAChildWithAWaiter) {
                    std::to_string(lock.getid()) + " +held +" + std::to_string(holder) + " +" + command +
                    " +1 +\\d{4}-[-\\dT:]+\n" + none + " 182655  none +- +- +- +- +-\n")));
     EXPECT_EQ(semctl(lock.getid(), 0, GETVAL), 0);
-    EXPECT_EQ(semget(182655, 0, 0), -1);  // made nothing
+    EXPECT_EQ(semget(182655, 0, 0), -1);  // the key of `none`: made nothing
     release.Send();
     EXPECT_EQ(WaitChild(holder, 60000), 0);
     EXPECT_EQ(WaitChild(waiter, 60000), 0);

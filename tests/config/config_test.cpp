@@ -62,7 +62,8 @@ protected:
 };
 
 // The path is at most 260 bytes; a second initialize keeps the first path; after a deinitialize another
-// file, with the same semaphore. A refused operation writes nothing.
+// file, with the same semaphore. Names are checked before the lock, values inside it (a missing section
+// first); getKeyType answers from what the last operation read. A refused operation writes nothing.
 TEST_F(ConfigFile, InitialisationAndRefusedOperations) {
     const std::string at260 = dir.path() + "/" + std::string(259 - dir.path().size(), 'p');
     deinitializeConfig();

@@ -147,7 +147,8 @@ TEST_F(LoggerTest, StartRotationAndDeletionFollowSizeCountAndMode) {
         std::string expected;
     } cases[] = {
         {1, 100, 101, 2, {"a", b, "c"}, odd + "[a|" + b + "|][c|][serverLog.x.0][serverLog.x.1] 4 31 open"},
-        {2, 1, 31, 0, {"m", "m", "m"}, odd + "[] 1 0 open"},  // each line (31 bytes) rotates
+        {2, 1, 31, 0, {"m", "m", "m"}, odd + "[] 1 0 open"},  // each line (31 bytes) rotates; the full one
+                                                              // goes
         {1, 0, 100000, 1, {"void"}, odd + " 0 34 open"},      // every file goes, the current one too
         {0, 2, 100000, 4, {"no"}, odd + "[serverLog.x.2][serverLog.x.3] 2 0 closed"},
         {1, 100, 100000, -1, {"x"}, "not a directory 0 0 closed"},
@@ -176,7 +177,8 @@ TEST_F(LoggerTest, StartRotationAndDeletionFollowSizeCountAndMode) {
 }
 
 // A start that cannot read its settings or make its directory gives 0, makes nothing, and closes a
-// configuration it opened, never the caller's. A directory longer than the scan takes (254 bytes) is refused.
+// configuration it opened, never the caller's. A directory longer than the scan takes (254 bytes) would
+// collect files never pruned: it is refused; at 254 bytes a second start prunes.
 TEST_F(LoggerTest, StartsThatCannotReadOrMakeGiveZeroAndMakeNothing) {
     const std::tuple<const char*, const char*, std::string> cases[] = {
         {"logMode", kMedia, logs_}, {"logFileSize", kMedia, logs_}, {"logFilePath", kMedia, logs_},

@@ -61,10 +61,9 @@ protected:
     std::string path = dir.file("MediaServer.cfg");
 };
 
-// The state is tested first; the path is at most 260 bytes; a second initialize keeps the first path; after
-// a deinitialize another file, with the same semaphore. Names are checked before the lock, values inside it:
-// with the section missing only a create gets to the value, and makes the section in memory only.
-// getKeyType answers from what the last operation read.
+// The path is at most 260 bytes; a second initialize keeps the first path; after a deinitialize another
+// file, with the same semaphore. Names are checked before the lock, values inside it (a missing section
+// first); getKeyType answers from what the last operation read. A refused operation writes nothing.
 TEST_F(ConfigFile, InitialisationAndRefusedOperations) {
     const std::string at260 = dir.path() + "/" + std::string(259 - dir.path().size(), 'p');
     deinitializeConfig();
@@ -204,9 +203,8 @@ std::vector<std::string> Lines(const std::string& path) {
     return lines;
 }
 
-// Random files: the line reader, and the line steps on the store's list; every value got. Then creates and
-// sets of random names and values (CR, LF, quotes and zero bytes inside, lengths cut), each answered and
-// written as the model says: the file rewritten byte for byte, or left alone by a refused change.
+// Random files: the line reader and the line steps on the store's list; values got. Creates and sets of
+// random names and values (CR, LF, quotes, zero bytes, lengths cut), answered and written as the model says.
 TEST_F(ConfigFile, ReaderAndWriterFollowTheRules) {
     static const std::string kSections[] = {"S", "s", "T x", "a=b", "[x]", "Q", "L\nM"};
     // "kaytfs" and "ka1rja" share their 32-bit FNV-1a hash.
@@ -254,10 +252,8 @@ TEST_F(ConfigFile, ReaderAndWriterFollowTheRules) {
     }
 }
 
-// A directory, a FIFO with no writer, a file that exists but can't be read (by a child of another user): the
-// reader neither spins nor waits (a hang fails the child), and nothing is written. A file that holds more
-// than its size promises (a /proc file gives 0, then many pages) is read whole. A short write (a file size
-// limit) is reported.
+// A directory, a FIFO with no writer, a file that can't be read: the reader neither spins nor waits, and
+// nothing is written. A /proc file (size 0, then many pages) is read whole. A short write is reported.
 TEST_F(ConfigFile, WhatCannotBeReadWholeIsNotReplaced) {
     const std::string content = "[S]\r\nk=1\r\n\r\n", unreadable = dir.file("unreadable"), big(200, 'b');
     msptest::WriteFile(unreadable, content);
@@ -301,36 +297,11 @@ std::string ScanPaths(const std::string& file = "") {
     return out;
 }
 
-// An empty value gives an allocated empty string; a missing or integer key fails, creating nothing. While
-// another process rewrites the value between a short and a long form, every answer is a terminated prefix
-// of the long form, never past its buffer.
-TEST(CommonApis, ScanPaths) {
-    msptest::TempDir dir;
-    msptest::ScopedChdir cd(dir.path());
-    deinitializeConfig();
-    EXPECT_EQ("-1", ScanPaths("[MCM]\nscanPaths=5\n"));
-    EXPECT_EQ("-1", ScanPaths("[MCM]\nscan=\"x\"\n"));
-    EXPECT_EQ("[MCM]\nscan=\"x\"\n", msptest::ReadFile("MediaServer.cfg"));
-    EXPECT_EQ("0 /a;/b", ScanPaths("[MCM]\nscanPaths=\"/a;/b\"\n"));
-    EXPECT_EQ("0 ", ScanPaths("[MCM]\nscanPaths=\"\"\n"));
-    const std::string longValue = "0 /share/a-much-longer-list;/share/of-scan-paths;/share/than-before";
-    const pid_t writer = msptest::StartChild([&] {
-        for (int i = 0; i < 400; ++i)
-            setConfigString(C("MCM"), C("scanPaths"), U(longValue.substr(2)), i % 2 ? 2 : 65);
-        return 0;
-    });
-    for (int i = 0; i < 200; ++i) {
-        const std::string got = ScanPaths();
-        ASSERT_EQ(0, longValue.compare(0, got.size(), got)) << got;
-    }
-    EXPECT_EQ(0, msptest::WaitChild(writer, 60000));
-    deinitializeConfig();
-}
-
-// A missing or empty name becomes the host name; a set name stays and the file is not even rewritten; an
-// integer key fails. A host name buffer too short fails with nothing written past it; a null one or a
-// length below 1 is refused.
-TEST(CommonApis, ServerNameFromTheHostName) {
+// A missing or empty name becomes the host name; a set one stays, the file not even rewritten. A host name
+// buffer too short fails with nothing written past it. Scan paths: a missing or integer key fails, creating
+// nothing; while another process rewrites the value between a short and a long form, every answer is a
+// terminated prefix of the long form.
+TEST(CommonApis, ServerNameAndScanPaths) {
     msptest::TempDir dir;
     msptest::ScopedChdir cd(dir.path());
     char name[129] = {};
@@ -351,6 +322,22 @@ TEST(CommonApis, ServerNameFromTheHostName) {
         EXPECT_EQ(before.find("=7") == std::string::npos ? 0 : -1, setServerNameFromComputerName());
         EXPECT_EQ(after, msptest::ReadFile("MediaServer.cfg"));
     }
+    EXPECT_EQ("-1", ScanPaths("[MCM]\nscanPaths=5\n"));
+    EXPECT_EQ("-1", ScanPaths("[MCM]\nscan=\"x\"\n"));
+    EXPECT_EQ("[MCM]\nscan=\"x\"\n", msptest::ReadFile("MediaServer.cfg"));
+    EXPECT_EQ("0 /a;/b", ScanPaths("[MCM]\nscanPaths=\"/a;/b\"\n"));
+    EXPECT_EQ("0 ", ScanPaths("[MCM]\nscanPaths=\"\"\n"));
+    const std::string longValue = "0 /share/a-much-longer-list;/share/of-scan-paths;/share/than-before";
+    const pid_t writer = msptest::StartChild([&] {
+        for (int i = 0; i < 400; ++i)
+            setConfigString(C("MCM"), C("scanPaths"), U(longValue.substr(2)), i % 2 ? 2 : 65);
+        return 0;
+    });
+    for (int i = 0; i < 200; ++i) {
+        const std::string got = ScanPaths();
+        ASSERT_EQ(0, longValue.compare(0, got.size(), got)) << got;
+    }
+    EXPECT_EQ(0, msptest::WaitChild(writer, 60000));
     deinitializeConfig();
 }
 

@@ -77,12 +77,10 @@ protected:
     std::string logs_ = dir_.file("logs"), cfg_ = dir_.file("MediaServer.cfg");
 };
 
-// The stamp, written without printf, reads as printf writes it, in the 26 bytes callers give, for times of
-// every size and milliseconds out of range; a time localtime can't convert leaves the buffer and makes no
-// file. A line: the stamp, "\t : ", the message to its length or first zero byte, a long one from the heap.
-// A new file is created exclusively: a name taken within the millisecond waits for the next one's; a clock
-// that stands still gives up after a bounded wait with none open, never emptying a file of that name. The new
-// file opens before the full one closes: threads meeting a rotation at every line lose none.
+// The stamp reads as printf writes it, within the 26 bytes callers give; a time localtime can't convert makes
+// no file. A line ends at its length or first zero byte. A new file is created exclusively: a name taken
+// waits for the next millisecond, a clock that stands still gives up with none open. Threads meeting a
+// rotation at every line lose none.
 TEST_F(LoggerTest, StampsLinesAndNewFilesLoseNothing) {
     std::mt19937_64 random(6);
     ZvEventLogger logger;
@@ -139,9 +137,8 @@ TEST_F(LoggerTest, StampsLinesAndNewFilesLoseNothing) {
         EXPECT_EQ(std::count(seen.begin(), seen.end(), std::to_string(line) + "|"), 1) << line;
 }
 
-// What a start and some lines leave: the entries (a log file by its messages), the count, the current file's
-// bytes, whether it is open. Any mode but 0 logs; each plain file named "serverLog." counts, another module's
-// too, and goes by its age; nothing else is touched.
+// What a start and some lines leave: the entries (a log file by its messages), the count, the bytes, whether
+// a file is open. Any mode but 0 logs; each plain file named "serverLog." counts and goes by its age.
 TEST_F(LoggerTest, StartRotationAndDeletionFollowSizeCountAndMode) {
     const std::string b(40, 'b'), odd = "[ServerLog.x][serverLo][serverLog.d/]";
     const struct {
@@ -150,9 +147,9 @@ TEST_F(LoggerTest, StartRotationAndDeletionFollowSizeCountAndMode) {
         std::string expected;
     } cases[] = {
         {1, 100, 101, 2, {"a", b, "c"}, odd + "[a|" + b + "|][c|][serverLog.x.0][serverLog.x.1] 4 31 open"},
-        {2, 1, 31, 0, {"m", "m", "m"}, odd + "[] 1 0 open"},  // each line (31 bytes) rotates; the full file
+        {2, 1, 31, 0, {"m", "m", "m"}, odd + "[] 1 0 open"},  // each line (31 bytes) rotates; the full one
                                                               // goes
-        {1, 0, 100000, 1, {"void"}, odd + " 0 34 open"},      // every file goes, the current one among them
+        {1, 0, 100000, 1, {"void"}, odd + " 0 34 open"},      // every file goes, the current one too
         {0, 2, 100000, 4, {"no"}, odd + "[serverLog.x.2][serverLog.x.3] 2 0 closed"},
         {1, 100, 100000, -1, {"x"}, "not a directory 0 0 closed"},
     };
@@ -179,10 +176,9 @@ TEST_F(LoggerTest, StartRotationAndDeletionFollowSizeCountAndMode) {
     }
 }
 
-// A start that cannot read its settings (a key misspelt, a section unknown or null) or make its directory
-// gives 0, makes nothing, and closes a configuration it opened, never the caller's; at a second start it also
-// closes the file. A directory longer than the scan takes (254 bytes) would collect files never pruned: a
-// start makes neither it nor a file; at 254 bytes a second start prunes.
+// A start that cannot read its settings or make its directory gives 0, makes nothing, and closes a
+// configuration it opened, never the caller's. A directory longer than the scan takes (254 bytes) would
+// collect files never pruned: it is refused; at 254 bytes a second start prunes.
 TEST_F(LoggerTest, StartsThatCannotReadOrMakeGiveZeroAndMakeNothing) {
     const std::tuple<const char*, const char*, std::string> cases[] = {
         {"logMode", kMedia, logs_}, {"logFileSize", kMedia, logs_}, {"logFilePath", kMedia, logs_},
@@ -210,9 +206,8 @@ TEST_F(LoggerTest, StartsThatCannotReadOrMakeGiveZeroAndMakeNothing) {
     }
 }
 
-// Deleting takes the files that taking the oldest (by unsigned time, nearest the head) one at a time would,
-// keeps the rest in order and counts them off, over a path beyond 256 bytes; one beyond the system's limit is
-// not unlinked, but its node goes. 300,000 nodes go by one sort, not a walk each, under the machine lock.
+// Deleting takes the oldest (by unsigned time, nearest the head) one at a time, keeps the rest in order and
+// counts them off; a path beyond the system's limit is not unlinked. 300,000 nodes go by one sort.
 TEST_F(LoggerTest, DeletionTakesTheOldestFirst) {
     ZvEventLogger logger;
     Place(logger, logs_ + std::string(300, '/'));
@@ -247,8 +242,7 @@ TEST_F(LoggerTest, DeletionTakesTheOldestFirst) {
                 ListDir(logs_) == std::vector<std::string>{"serverLog.kept"});
 }
 
-// Each allocation of a start and its lines fails in turn, until a run needs no failure: no crash, no lock
-// left held (the line behind would hang), no leak for the leak check.
+// Each allocation of a start and its lines fails in turn: no crash, no lock left held, no leak.
 TEST_F(LoggerTest, EachFailedAllocationIsSurvivedAndLeaksNothing) {
     static int left;
     eventLoggerAlloc = [](size_t size) { return left == 0 ? nullptr : (left -= left > 0, malloc(size)); };
@@ -266,9 +260,8 @@ TEST_F(LoggerTest, EachFailedAllocationIsSurvivedAndLeaksNothing) {
     }
 }
 
-// The flat start and both outputs: a line each, none for "", a message cut to 1023 bytes. After the
-// destructor (exit runs it) a call writes nothing and does not block, and the semaphore is gone for every
-// process.
+// The flat start and both outputs, a message cut to 1023 bytes. After the destructor a call writes nothing
+// and does not block, and the semaphore is gone.
 TEST_F(LoggerTest, StaticLoggerFromLoadToExit) {
     EXPECT_TRUE(atLoad.keyed);
     delete eventLogger.mutex;  // loggers of other tests removed the semaphore when they ended

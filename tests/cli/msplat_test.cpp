@@ -41,21 +41,22 @@ TEST(Cli, UsageResultsThatCannotBeWrittenAndTheSharedSemaphores) {
     EXPECT_EQ(semget(141669, 0, 0), language.getid());
 }
 
-// md5 writes what md5sum writes, names it escapes too; what doesn't exist gives 1, what can't be read 2; the
-// demo runs under $TMPDIR.
+// md5 writes what md5sum writes, names it escapes too; what doesn't exist gives 1, what can't be read 2; a
+// missing field of a format prints as "-"; the demo runs under $TMPDIR.
 TEST(Cli, CommandsThatRead) {
     TempDir dir;
     for (const std::string& name : {std::string("b\r"), std::string("c")}) WriteFile(dir.file(name), name);
     WriteFile(dir.file("big"), std::string(150000, 'x') + std::string(150000, 'y'));  // more than one read
     ASSERT_EQ(system(("cd " + dir.path() + " && md5sum big \"$(printf 'b\\r')\" c > sums").c_str()), 0);
     ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
+    WriteFile(dir.file("sub/MediaFormats.xml"), "<M><F><Extensions>mkv</Extensions></F></M>");  // no MimeType
     ExpectRuns({{{"md5", "big", "b\r", "c"}, 0, ReadFile(dir.file("sums")), ""},
                 {"md5 no c", 1, "4a8a08f09d37b73795649038408b5f33  c\n", "*"},
                 {"md5 sub no", 2, "", "*"},
                 {"tx --language X Music", 1, "", "*"}},
                dir.path());
-    EXPECT_NE(Msplat("walk " + dir.path()).out.find("d          - -                    sub\n"),
-              std::string::npos);
+    EXPECT_NE(Msplat("walk " + dir.path()).out.find(" sub\n"), std::string::npos);
+    EXPECT_NE(Msplat("formats --dir sub ext mkv", dir.path()).out.find(" -\n"), std::string::npos);
     const MsplatResult demo = Msplat("demo", "", "", {"TMPDIR=" + dir.path()});
     EXPECT_NE(demo.out.find("remove it with: rm -r " + dir.path() + "/msplat-demo-"), std::string::npos);
 }

@@ -292,7 +292,7 @@ std::string ScanPaths(const std::string& file = "") {
     return out;
 }
 
-// A missing or empty name becomes the host name; a set one stays, the file not even rewritten. A host name
+// An empty name becomes the host name; a set one stays, the file not even rewritten. A host name
 // buffer too short fails with nothing written past it. Scan paths: a missing or integer key fails, creating
 // nothing; while another process rewrites the value between a short and a long form, every answer is a
 // terminated prefix of the long form.
@@ -307,7 +307,6 @@ TEST(CommonApis, ServerNameAndScanPaths) {
                                   getComputerName(nullptr, 9), getComputerName(name, -5)}));
     EXPECT_EQ('x', name[host.size()]);
     const std::string cases[][2] = {
-        {"", "[upnp]\r\nserverName=\"" + host + "\"\r\n\r\n"},
         {"[upnp]\nserverName=\"\"\nport=80\n", "[upnp]\r\nserverName=\"" + host + "\"\r\nport=80\r\n\r\n"},
         {"[upnp]\nserverName=\"N\"\n", "[upnp]\nserverName=\"N\"\n"},
         {"[upnp]\nserverName=7\n", "[upnp]\nserverName=7\n"}};

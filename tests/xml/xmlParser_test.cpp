@@ -1,6 +1,5 @@
-// The parser against the models of xmlReference.h over generated texts, each in bytes that end at a page
-// without access (a read one byte beyond faults, sanitizers or not), compared whole; rows that check the
-// models themselves; and what no model tells.
+// The parser against the models of xmlReference.h over generated texts in bytes that end at a page without
+// access (a read one byte beyond faults, sanitizers or not); rows for the models; what no model tells.
 #include "msplatform/xmlParser.h"
 
 #include <algorithm>
@@ -93,7 +92,6 @@ TEST(XmlParser, GeneratedTextsMatchTheModels) {
     for (int i = 0; i < 5000 && !HasFailure(); ++i) {
         const std::string text = RandomText(rng);
         SCOPED_TRACE(testing::PrintToString(text));
-        // A range, mostly the whole text, in bytes that end where it does; a delimiter of up to three bytes.
         const int size = int(text.size()), end = rng() % 4 ? size : int(rng() % (size + 1));
         const int start = rng() % 4 ? 0 : int(rng() % (size + 1));
         msptest::GuardedBytes bytes = Guarded(text.substr(0, size_t(end)));
@@ -108,7 +106,6 @@ TEST(XmlParser, GeneratedTextsMatchTheModels) {
             EXPECT_EQ(xml_IsDelimiter(t, at, end, d, length),
                       at + length <= end && !memcmp(t + at, d, size_t(length)));
 
-        // Nodes, inner texts and attributes before and after linking, the links and the result.
         std::vector<xml_node> model = xmlref::ReferenceNodes(t, start, end);
         xml_node* first = xml_ParseXML(t, start, end);
         ASSERT_EQ(Render(t, first, false), Render(t, xmlref::First(model), true));
@@ -135,16 +132,9 @@ TEST(XmlParser, RowsFromTheRules) {
     const char* const rows[][2] = {
         {"lead<a>1 > 0</a>",
          "-3\n<lead@0 #0\n<a@5 #10 parent=0 close=2 inner= 0@10 [@9=@9]\n</a@14 #13 open=1\n"},
-        {"<a><b></c></a>", "-3\n<a@1 #3 inner=<b></c>@3\n<b@4 #6 parent=0\n</c@8 #7\n</a@12 #11\n"},
-        {"<a></b><a></a>", "-2\n<a@1 #3\n</b@5 #4\n<a@8 #10 inner=@10\n</a@12 #11\n"},
         {"<a><a></a></a>",
          "0\n<a@1 #3 close=3 inner=<a></a>@3\n<a@4 #6 parent=0 close=2 inner=@6\n</a@8 #7 open=1\n"
          "</a@12 #11 open=0\n"},
-        {"<a x:b=\"1\" c='2 3'/>t<b/>",
-         "0\n<a@1 #20 empty peer=2 close=1 inner=@20 [3'@16=3'@16] [c@11='2@13] [x@3:b@5=\"1\"@7]\n"
-         "</a@1 #20 open=0 [3'/@16=3'/@16] [c@11='2@13] [x@3:b@5=\"1\"@7]\n<b@22 #25 empty close=3 "
-         "inner=@25\n"
-         "</b@22 #25 open=2\n"},
     };
     for (const auto& row : rows) {
         std::string text = row[0];
@@ -185,7 +175,7 @@ TEST(XmlParser, FailedAllocationsNullArgumentsLoopsAndTheStack) {
         for (xml_attribute* a = attributes; a; a = a->next) ++records;
         EXPECT_TRUE((nodes == 0 || nodes == 2 * tags - 1) && (pieces == 0 || pieces == tags + 1) &&
                     (records == 0 || records == 2))
-            << granted << ": " << nodes << " " << pieces << " " << records;
+            << granted;
         xml_DestructXMLAttributeList(attributes);
         xml_DestructXMLNodeList(first);
     }

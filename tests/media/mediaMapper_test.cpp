@@ -132,7 +132,6 @@ TEST_F(MediaTable, GeneratedTablesMatchTheRules) {
         ASSERT_EQ(1, mapper.initialize());
         ASSERT_EQ(1, MF_Initialize());
         ASSERT_EQ(expected, Dump(mapper.formatList));
-        // The extensions of the first record that names a MIME type or plug-in, case-free.
         auto firstNaming = [&](size_t field, const std::string& name) {
             for (const Strings& m : model)
                 if (m[field] != "-" && !strcasecmp(m[field].c_str(), name.c_str())) return m[1];

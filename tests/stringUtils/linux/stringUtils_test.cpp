@@ -1,4 +1,3 @@
-// Each helper against its rule written out, over generated inputs; sources end at guard pages, outputs whole.
 #include "msplatform/stringUtils.h"
 
 #include <strings.h>

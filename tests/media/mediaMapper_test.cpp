@@ -28,8 +28,7 @@ std::string Line(const Strings& fields) {
     return line + "\n";
 }
 
-// A record a line, its properties in order: "name|extensions|mime|media type|class|profile|transcode|parser|
-// dap", "-" for no text, "0" for no media type.
+// A record a line, its properties in the order of the struct, "-" for no text, "0" for no media type.
 std::string Dump(const MediaFormatInfo* f) {
     std::string out;
     for (; f; f = f->next)

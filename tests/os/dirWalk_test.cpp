@@ -22,10 +22,8 @@ constexpr time_t kTime = 1234567890;
 void* const kNoHandle = reinterpret_cast<void*>(~uintptr_t(0));
 const FileFindData kSentinel = {L"sentinel", 0xAA, 0xAAAAAAAA, 0xAAAAAAAA};
 
-// The temporary paths are ASCII.
 const auto Wide = [](const std::string& ascii) { return std::wstring(ascii.begin(), ascii.end()); };
 
-// Sets the times of a path, first writing `bytes` to it unless null.
 void SetTime(const std::string& path, const char* bytes = nullptr) {
     if (bytes) msptest::WriteFile(path, bytes);
     struct timeval times[2] = {{kTime, 0}, {kTime, 0}};

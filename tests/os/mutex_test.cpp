@@ -22,7 +22,6 @@ using std::chrono::milliseconds;
 
 const auto Value = [](int id) { return ::semctl(id, 0, GETVAL); };  // -1 once the set is gone
 
-// Threads that take a lock for a moment, counting the holders they find inside.
 struct Section {
     std::atomic<int> inside{0}, overlaps{0};
     std::atomic<pthread_t> last{};  // the thread that started last

@@ -1,4 +1,3 @@
-// What the wrappers add to the system's answers.
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -28,8 +28,7 @@ std::string Line(const Strings& fields) {
     return line + "\n";
 }
 
-// A record a line, its properties in order: "name|extensions|mime|media type|class|profile|transcode|parser|
-// dap", "-" for no text, "0" for no media type.
+// A record a line, its properties in the order of the struct, "-" for no text, "0" for no media type.
 std::string Dump(const MediaFormatInfo* f) {
     std::string out;
     for (; f; f = f->next)
@@ -132,7 +131,6 @@ TEST_F(MediaTable, GeneratedTablesMatchTheRules) {
         ASSERT_EQ(1, mapper.initialize());
         ASSERT_EQ(1, MF_Initialize());
         ASSERT_EQ(expected, Dump(mapper.formatList));
-        // The extensions of the first record that names a MIME type or plug-in, case-free.
         auto firstNaming = [&](size_t field, const std::string& name) {
             for (const Strings& m : model)
                 if (m[field] != "-" && !strcasecmp(m[field].c_str(), name.c_str())) return m[1];

@@ -22,11 +22,8 @@ constexpr time_t kTime = 1234567890;
 void* const kNoHandle = reinterpret_cast<void*>(~uintptr_t(0));
 const FileFindData kSentinel = {L"sentinel", 0xAA, 0xAAAAAAAA, 0xAAAAAAAA};
 
-std::wstring Wide(const std::string& ascii) {  // the temporary paths are ASCII
-    return std::wstring(ascii.begin(), ascii.end());
-}
+const auto Wide = [](const std::string& ascii) { return std::wstring(ascii.begin(), ascii.end()); };
 
-// Sets the times of a path, first writing `bytes` to it unless null.
 void SetTime(const std::string& path, const char* bytes = nullptr) {
     if (bytes) msptest::WriteFile(path, bytes);
     struct timeval times[2] = {{kTime, 0}, {kTime, 0}};
@@ -36,9 +33,7 @@ void SetTime(const std::string& path, const char* bytes = nullptr) {
 // isDirectory, fileSize and modifiedTime of each name a walk reports, every record starting as the sentinel.
 using Entry = std::tuple<int, uint32_t, uint32_t>;
 const Entry kDirectory{1, 0, 0}, kNotLookedAt{0, 0, 0};
-Entry File(size_t size) {
-    return Entry{0, uint32_t(size), uint32_t(kTime)};
-}
+const auto File = [](size_t size) { return Entry{0, uint32_t(size), uint32_t(kTime)}; };
 
 std::map<std::wstring, Entry> Walk(const std::string& path) {
     std::map<std::wstring, Entry> entries;
@@ -133,8 +128,7 @@ TEST(DirWalk, ChildDirectoriesAndNoHandles) {
     const size_t open = msptest::ListDir("/proc/self/fd").size();
     EXPECT_EQ(kNoHandle, Zv_FindFirstChildDir(&empty[0], &data));
     EXPECT_EQ(kNoHandle, Zv_FindFirstChildDir(&missing[0], &data));
-    EXPECT_EQ(open, msptest::ListDir("/proc/self/fd").size())
-        << "the handle of a walk without a child is closed";
+    EXPECT_EQ(open, msptest::ListDir("/proc/self/fd").size());  // no child: the handle is closed
     EXPECT_EQ(nullptr, Zv_FindFirst(&missing[0], &data));
     EXPECT_EQ(0, Zv_FindClose(kNoHandle));
     EXPECT_EQ(1, Zv_FindClose(nullptr));

@@ -54,7 +54,6 @@ TEST(Event, SetWaitResetWakeUpsAndDeadlines) {
     osSystemCalls.getTimeOfDay = [](struct timeval* now) { return *now = fakeNow, 0; };
     const time_t kMax = std::numeric_limits<time_t>::max();
     const std::tuple<time_t, long, int, time_t, long> cases[] = {
-        // now: seconds, microseconds; milliseconds; deadline: seconds, nanoseconds
         {1000, 800000, 1500, 1002, 300000000},
         {1000, 250000, -1, 1000 + 4294967, 545000000},  // 4294967295 ms, about 49.7 days
         {kMax - 10, 0, -1, kMax, 999999999},            // held at the end of time_t
@@ -62,8 +61,9 @@ TEST(Event, SetWaitResetWakeUpsAndDeadlines) {
     for (const auto& [seconds, microseconds, milliseconds, deadlineSeconds, deadlineNanoseconds] : cases) {
         fakeNow = {seconds, microseconds};
         EXPECT_EQ(0, event.wait(milliseconds));
-        EXPECT_EQ(deadlineSeconds, deadlines.back().tv_sec) << milliseconds;
-        EXPECT_EQ(deadlineNanoseconds, deadlines.back().tv_nsec) << milliseconds;
+        EXPECT_EQ(std::make_pair(deadlineSeconds, deadlineNanoseconds),
+                  std::make_pair(deadlines.back().tv_sec, deadlines.back().tv_nsec))
+            << milliseconds;
     }
 }
 

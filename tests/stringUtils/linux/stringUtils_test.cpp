@@ -20,7 +20,7 @@ int requests = 0, refuse = 0;
 [[maybe_unused]] const auto installed =
     mspstring::allocate = [](size_t size) { return ++requests, refuse ? nullptr : std::malloc(size); };
 
-// Few letters, for repeats and near misses.
+// Few letters, for repeats and near misses; then a near miss at every position (minutes for a naive search).
 TEST(StringHelpers, SearchesAffixesAndExtensionsFollowTheirRules) {
     std::mt19937 random(5);
     for (int round = 0; round < 6000; ++round) {
@@ -42,6 +42,10 @@ TEST(StringHelpers, SearchesAffixesAndExtensionsFollowTheirRules) {
                                       LastIndexOf(x, y), StartsWith(x, y, flag), EndsWith(x, y, flag)};
         ASSERT_EQ(got, expected) << testing::PrintToString(text) << " / " << testing::PrintToString(needle);
     }
+    const std::string t(4 << 20, 'a');
+    std::string b(512 << 10, 'a'), a = b;
+    b.back() = a.front() = 'b';
+    for (auto* s : {a.c_str(), b.c_str()}) EXPECT_EQ(IndexOf(t.c_str(), s) & LastIndexOf(t.c_str(), s), -1);
 }
 
 // Escapes against the set written out, unescapes against strtol; beyond INT_MAX the count is -1, not a size.

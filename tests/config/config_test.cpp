@@ -320,6 +320,7 @@ TEST(CommonApis, ServerNameAndScanPaths) {
     EXPECT_EQ("-1", ScanPaths("[MCM]\nscan=\"x\"\n"));
     EXPECT_EQ("[MCM]\nscan=\"x\"\n", msptest::ReadFile("MediaServer.cfg"));
     EXPECT_EQ("0 /a;/b", ScanPaths("[MCM]\nscanPaths=\"/a;/b\"\n"));
+    EXPECT_EQ(-1, getConfigScanPaths(nullptr));
     EXPECT_EQ("0 ", ScanPaths("[MCM]\nscanPaths=\"\"\n"));
     const std::string longValue = "0 /share/a-much-longer-list;/share/of-scan-paths;/share/than-before";
     const pid_t writer = msptest::StartChild([&] {

@@ -14,6 +14,7 @@
 #include "msplatform/md5.h"
 #include "msplatform/uuid.h"
 #include "msplatform/uuid_utils.h"
+#include "support/support.h"
 
 // The calls behind the random node, made known in this binary: a record of 0x5A bytes, a host name that fills
 // all 260 bytes of its area when given the 256 it is due, and a time of day one microsecond on per reading.
@@ -45,7 +46,8 @@ std::string Md5(const std::string& data, size_t cut, bool hex = true) {
 }
 
 // The standard's digests, each input cut at every point (55 bytes still take the length in their block); the
-// bit count carries into its high word; the final step wipes the context, also without a digest to write.
+// bit count carries into its high word, also from one update of 512 MiB; the final step wipes the context,
+// also without a digest to write.
 TEST(Md5, DigestsSplitsCountAndWipe) {
     const std::pair<std::string, const char*> cases[] = {
         {"", "d41d8cd98f00b204e9800998ecf8427e"},
@@ -63,8 +65,10 @@ TEST(Md5, DigestsSplitsCountAndWipe) {
     MD5_CTX context, zero = {};
     MD5Init(&context);
     context.count[0] = 0xFFFFFE00u;  // 2^32 - 512 bits: a whole number of blocks
-    MD5Update(&context, reinterpret_cast<const unsigned char*>(cases[2].first.data()), 80);
-    EXPECT_EQ(std::make_pair(context.count[0], context.count[1]), std::make_pair(0x80u, 1u));
+    msptest::RepeatedText big('a', 512);  // 2^32 bits and 80 bytes in one update: both words move
+    ASSERT_TRUE(big.text()) << "the system gives no 512 MiB of address space";
+    MD5Update(&context, reinterpret_cast<const unsigned char*>(big.text()), (512u << 20) + 80);
+    EXPECT_EQ(std::make_pair(context.count[0], context.count[1]), std::make_pair(0x80u, 2u));
     MD5Final(nullptr, &context);  // with 16 bytes buffered
     EXPECT_EQ(memcmp(&context, &zero, sizeof context), 0);
 }

@@ -27,6 +27,7 @@
 #include "msplatform/ZvCfgCtrlMgr.h"
 #include "msplatform/ZvEventLogger.h"
 #include "msplatform/ZvLanguageReader.h"
+#include "msplatform/commonAPIs.h"
 #include "msplatform/eventLogger.h"
 #include "msplatform/languageReader.h"
 #include "msplatform/mediaFormats.h"
@@ -176,26 +177,32 @@ std::map<std::string, int> CheckLogs(const std::string& dir) {
     return seen;
 }
 
-// Four processes of one module rotate small files in one directory at once, often within one millisecond;
-// none is deleted, so every line must be there.
-TEST(LoggerStress, ProcessesRotatingInOneDirectoryLoseNoLine) {
+// ---- the configuration store
+
+// While another process rewrites the scan paths between a short and a long form, every answer is a
+// terminated prefix of the long form: a value that grew between its two reads is cut, and ended.
+TEST(ConfigStress, ScanPathsReadWhileAnotherProcessRewritesThem) {
     msptest::TempDir dir;
-    const std::string config = dir.file("MediaServer.cfg");
-    msptest::WriteFile(config,
-                       "[stress]\r\nlogMode=1\r\nlogVerbosity=1\r\nlogFilesCount=1000000\r\n"
-                       "logFileSize=2000\r\nlogFilePath=\"" +
-                           dir.file("logs") + "\"\r\n");
-    const int lines = Scaled(2000, 10);
-    std::vector<pid_t> children;
-    for (int p = 0; p < 4; ++p)
-        children.push_back(msptest::StartChild([&, p] {
-            if (initializeLogger(C(config), C("stress")) != 1) return 1;
-            for (int i = 0; i < lines; ++i) eventLogOut("p%d.0 line %d %s", p, i, kPayload);
-            return 0;
-        }));
-    for (pid_t pid : children) EXPECT_EQ(0, msptest::WaitChild(pid, kChildMs));
-    std::map<std::string, int> seen = CheckLogs(dir.file("logs"));
-    for (int p = 0; p < 4; ++p) EXPECT_EQ(lines, seen["p" + std::to_string(p) + ".0"]) << p;
+    msptest::ScopedChdir cd(dir.path());
+    const std::string longValue = "/share/a-much-longer-list;/share/of-scan-paths;/share/than-before";
+    msptest::WriteFile("MediaServer.cfg", "[MCM]\nscanPaths=\"\"\n");
+    deinitializeConfig();
+    ASSERT_EQ(CFG_OK, initializeConfig("MediaServer.cfg"));
+    const pid_t writer = msptest::StartChild([&] {
+        for (int i = 0; i < 400; ++i)
+            setConfigString(C("MCM"), C("scanPaths"), reinterpret_cast<unsigned char*>(C(longValue)),
+                            i % 2 ? 2 : int(longValue.size()));
+        return 0;
+    });
+    for (int i = 0; i < 200; ++i) {
+        unsigned char* paths = nullptr;
+        ASSERT_EQ(0, getConfigScanPaths(&paths));
+        const std::string got = reinterpret_cast<char*>(paths);
+        free(paths);
+        ASSERT_EQ(0, longValue.compare(0, got.size(), got)) << got;
+    }
+    EXPECT_EQ(0, msptest::WaitChild(writer, kChildMs));
+    deinitializeConfig();
 }
 
 }  // namespace
@@ -329,8 +336,9 @@ pid_t StartPeer(const msptest::TempDir& dir, const std::string& role) {
 TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
     const int rounds = Scaled(20, 50);
     msptest::TempDir dir;
+    // Small log files, none deleted: processes rotate every dozen lines, often within one millisecond.
     std::string config =
-        "[churn]\r\nlogMode=1\r\nlogVerbosity=1\r\nlogFilesCount=1000000\r\nlogFileSize=16000\r\n";
+        "[churn]\r\nlogMode=1\r\nlogVerbosity=1\r\nlogFilesCount=1000000\r\nlogFileSize=1000\r\n";
     for (int slot = 0; slot < kSlots; ++slot) config += "K" + std::to_string(slot) + "=0\r\n";
     msptest::WriteFile(dir.file("MediaServer.cfg"),
                        config + "logFilePath=\"" + dir.file("logs") +

@@ -1,8 +1,10 @@
 // Preloaded into msplat by a test: no lock object can be allocated, so the library works without its locks
-// and prints "cfg initialize failed to get mutex" on standard output. Each failure adds a byte to the file
-// that MSPLAT_NOLOCK_TRACE names.
+// and prints "cfg initialize failed to get mutex" on standard output, unbuffered, so that the line reaches
+// the descriptor even though msplat never flushes the stream. Each failure adds a byte to the file that
+// MSPLAT_NOLOCK_TRACE names.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -18,4 +20,8 @@ void* operator new(std::size_t size, const std::nothrow_t& tag) noexcept {
     const int fd = open(getenv("MSPLAT_NOLOCK_TRACE"), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (fd >= 0) (void)!write(fd, "x", 1), close(fd);
     return nullptr;
+}
+
+__attribute__((constructor)) static void Unbuffered() {
+    setvbuf(stdout, nullptr, _IONBF, 0);
 }

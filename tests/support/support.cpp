@@ -68,10 +68,6 @@ void WriteFile(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
-bool FileExists(const std::string& path) {
-    return ::access(path.c_str(), F_OK) == 0;
-}
-
 std::vector<std::string> ListDir(const std::string& dir) {
     std::vector<std::string> names;
     DIR* stream = ::opendir(dir.c_str());

@@ -58,7 +58,6 @@ inline int RunChild(const std::function<int()>& body, int timeoutMs) {
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
-bool FileExists(const std::string& path);
 // The entries of `dir`, sorted, a directory's name with a '/' behind; none if it can't be read. readdir64:
 // on a 32-bit target the plain call fails on large directory offsets.
 std::vector<std::string> ListDir(const std::string& dir);

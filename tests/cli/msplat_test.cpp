@@ -73,10 +73,10 @@ protected:
 TEST_F(CliLog, OneLine) {
     const std::string longest = "100% %s" + std::string(1016, 'y');
     const std::regex name(logs_ + R"(/serverLog\.srv\.\d\d-\d\d-\d{4}\.\d{6}\.\d{3}\.txt\n)");
-    const char* asan =
-        getenv("ASAN_OPTIONS");  // the preloaded library comes ahead of the sanitizer's runtime
+    const char* asan = getenv("ASAN_OPTIONS");
     const std::vector<std::string> nolock = {
         kUnderEmulation ? "QEMU_SET_ENV=LD_PRELOAD=" MSPLAT_NOLOCK : "LD_PRELOAD=" MSPLAT_NOLOCK,
+        // The preloaded library comes ahead of the sanitizer's runtime.
         std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0",
         "MSPLAT_NOLOCK_TRACE=" + dir_.file("trace")};
     const MsplatResult first =

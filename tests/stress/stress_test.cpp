@@ -1,6 +1,5 @@
 // Several processes on the library's shared files and locks at once. MSPLATFORM_STRESS_LONG=1 multiplies
 // the sizes; MSPLATFORM_STRESS_SCALE=n divides them (for slow tools such as valgrind).
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -151,9 +150,7 @@ std::map<std::string, int> CheckLogs(const std::string& dir) {
         std::string(R"(\d\d-\d\d-\d{4} : \d\d:\d\d:\d\d\.\d{3}\t : (\w+\.\d) line (\d+) )") + kPayload);
     std::map<std::string, int> seen;
     std::vector<std::string> bad;
-    DIR* d = ::opendir(dir.c_str());
-    while (const dirent64* e = d ? ::readdir64(d) : nullptr) {
-        const std::string name = e->d_name;
+    for (const std::string& name : msptest::ListDir(dir)) {
         if (name.rfind("serverLog.", 0) != 0) continue;
         const std::string content = msptest::ReadFile(dir + "/" + name);
         if (!content.empty() && content.back() != '\n') bad.push_back(name + " ends inside a line");
@@ -172,7 +169,6 @@ std::map<std::string, int> CheckLogs(const std::string& dir) {
             ++seen[m[1]];
         }
     }
-    if (d) ::closedir(d);
     EXPECT_TRUE(bad.empty()) << bad.size() << " lines broken, mixed or lost; the first: " << bad[0];
     return seen;
 }

@@ -1,7 +1,6 @@
 #include "msplatform/dirWalk.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -92,18 +91,17 @@ TEST(DirWalk, EntriesTheirNamesOnDiskAndThePathLimits) {
                 renamed.empty() ? kNotLookedAt : File(reported == L"na\u00EFve" ? 6 : onDisk.size());
             after.insert(renamed.empty() ? onDisk : renamed);
         }
-        const int fd = open((dir + "/big").c_str(), O_CREAT | O_WRONLY | O_LARGEFILE, 0600);
-        if (ftruncate64(fd, 0x100000000LL + 4321) == 0) expected[L"big"] = File(4321), after.insert("big");
-        close(fd);
+        msptest::WriteFile(dir + "/big", "");
+        if (truncate64((dir + "/big").c_str(), 0x100000000LL + 4321) == 0)
+            expected[L"big"] = File(4321), after.insert("big");
         SetTime(dir + "/big");
         EXPECT_EQ(expected, Walk(dir + "/"));  // two slashes in a row work all the same
         EXPECT_EQ(std::vector<std::string>(after.begin(), after.end()), msptest::ListDir(dir));
         for (const auto& [onDisk, reported, renamed] : names)
             EXPECT_EQ(onDisk, msptest::ReadFile(dir + "/" + (renamed.empty() ? onDisk : renamed)));
         mkdir((dir + std::string(25, 'x')).c_str(), 0755);
-        std::wstring tooLong = Wide(dir + std::string(25, 'x'));  // 1024 bytes
-        FileFindData data = kSentinel;
-        EXPECT_EQ(nullptr, Zv_FindFirst(&tooLong[0], &data));
+        FileFindData data = kSentinel;  // the directory's path takes 1024 bytes
+        EXPECT_EQ(nullptr, Zv_FindFirst(&Wide(dir + std::string(25, 'x'))[0], &data));
     }
 }
 

@@ -19,10 +19,8 @@ std::vector<struct timespec> deadlines;
 struct timeval fakeNow;
 
 // The swapped waits answer in turn: a spurious wake-up, EINTR, then an error that ends the wait.
-int Scripted() {
-    const int call = ++waitCalls;
-    return call % 3 == 1 ? 0 : call % 3 == 2 ? EINTR : EINVAL;
-}
+const int kAnswers[] = {0, EINTR, EINVAL};
+const auto Scripted = [] { return kAnswers[waitCalls++ % 3]; };
 
 // Set wakes a blocked waiter and stays set through any number of waits until reset; wait(0) on a clear event
 // goes through the time-out at once. Neither a spurious wake-up nor EINTR ends a wait on a clear event or

@@ -61,15 +61,14 @@ TEST(Mutex, KeyFirstValueAndUnlock) {
 // In a fresh IPC namespace the first set gets the id 0, which counts as none: it is spent and another made.
 // Where no set can be had, the object is inert: lock returns at once.
 TEST(Mutex, FirstIdOfAFreshSystemIsSpentAndAnInertLockDoesNotBlock) {
-    const int rc = msptest::RunChild(
-        [] {
-            if (::unshare(CLONE_NEWIPC) != 0) return 77;
-            msptest::WriteFile("/proc/sys/kernel/sem", "250 32000 32 1");  // room for one set
-            Mutex m("mutex.fresh"), inert("mutex.inert");
-            inert.lock();
-            return m.getid() > 0 && Value(m.getid()) == 1 && inert.getid() <= 0 ? 0 : 1;
-        },
-        30000);
+    const auto child = [] {
+        if (::unshare(CLONE_NEWIPC) != 0) return 77;
+        msptest::WriteFile("/proc/sys/kernel/sem", "250 32000 32 1");  // room for one set
+        Mutex m("mutex.fresh"), inert("mutex.inert");
+        inert.lock();
+        return m.getid() > 0 && Value(m.getid()) == 1 && inert.getid() <= 0 ? 0 : 1;
+    };
+    const int rc = msptest::RunChild(child, 30000);
     if (rc == 77) GTEST_SKIP() << "needs a new IPC namespace";
     EXPECT_EQ(0, rc);
 }

@@ -14,10 +14,9 @@ namespace {
 
 TEST(OsWrappers, WhatTheyAddToTheSystem) {
     msptest::TempDir dir;
-    std::string file = dir.file("locked");
-    msptest::WriteFile(file, "x");
-    chmod(file.c_str(), 0);
-    EXPECT_EQ(0, OS_Access(file.c_str(), R_OK | W_OK | X_OK));
+    msptest::WriteFile(dir.file("locked"), "x");
+    chmod(dir.file("locked").c_str(), 0);
+    EXPECT_EQ(0, OS_Access(dir.file("locked").c_str(), R_OK | W_OK | X_OK));
     msptest::GuardedBytes out(10);  // "/var/log/" and its terminator, then a page without access
     char *to = out.data(), url[] = "/var/log";
     EXPECT_EQ(9, OS_CorrectURLForDirSearch(url, &to));

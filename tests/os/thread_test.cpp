@@ -50,9 +50,10 @@ bool Waiting(TestThread* thread) {
     return WaitUntil([thread] { return thread->Waiters() == 1; });
 }
 
-// Waits until the thread has finished, then deletes it (its body must begin before the derived part goes).
+// Resumes, waits until finished, then deletes it (its body must begin before the derived part goes).
 void Finish(TestThread* thread) {
-    Within("wait, then delete", [thread] {
+    Within("resume, wait, then delete", [thread] {
+        thread->resume();
         while (!thread->isFinished()) thread->wait();
         delete thread;
     });
@@ -67,8 +68,7 @@ TEST(Thread, HeldResumedEndedAndDeleted) {
     for (int selfDeleting : {0, 1}) {
         for (const auto& end : ends) {
             SCOPED_TRACE(std::to_string(&end - ends) + (selfDeleting ? " self-deleting" : ""));
-            Probe probe;
-            probe.end = end;
+            Probe probe{end};
             const int before = deleted;
             TestThread* thread = new TestThread(&probe, selfDeleting);
             std::thread waiter([&] { thread->wait(); });
@@ -111,25 +111,19 @@ TEST(Thread, CancelledNeverMadeAndSleep) {
 
     thread = new TestThread(&probe);
     pthread_t waiter;
-    ASSERT_EQ(0, pthread_create(
-                     &waiter, nullptr, [](void* t) { return static_cast<TestThread*>(t)->wait(), (void*)0; },
-                     thread));
+    auto waitOn = [](void* t) { return static_cast<TestThread*>(t)->wait(), (void*)0; };
+    ASSERT_EQ(0, pthread_create(&waiter, nullptr, waitOn, thread));
     ASSERT_TRUE(Waiting(thread));
     ASSERT_EQ(0, pthread_cancel(waiter));
     Within("join the cancelled waiter", [waiter] { pthread_join(waiter, nullptr); });
     EXPECT_EQ(0, thread->Waiters());
     probe.released = true;
-    thread->resume();
     Finish(thread);
 
     // Deleting gives a thread's resources back: the stacks of ended threads don't pile up.
     auto maps = [] { return msptest::ReadFile("/proc/self/maps").size(); };
     const size_t mapped = maps();
-    for (int i = 0; i < 80; ++i) {
-        thread = new TestThread(&probe);
-        thread->resume();
-        Finish(thread);
-    }
+    for (int i = 0; i < 80; ++i) Finish(new TestThread(&probe));
     EXPECT_LT(maps(), mapped + 3000) << "the maps grew from " << mapped;
 
     SystemCallsGuard guard;

@@ -243,8 +243,7 @@ TEST_F(ConfigFile, ReaderAndWriterFollowTheRules) {
             const unsigned op = random() % 4;
             const std::string section = any(kSections), key = any(kKeys), value = any(kValues) + any(kValues);
             ASSERT_EQ(ModelGet(store, section, key), Get(section, key, random())) << round;
-            const int number = static_cast<int>(random()),
-                      length = static_cast<int>(random() % (value.size() + 1));
+            const int number = int(random()), length = int(random() % (value.size() + 1));
             const int rc = op == 0   ? createConfigInt(C(section), C(key), number)
                            : op == 1 ? createConfigString(C(section), C(key), U(value), length)
                            : op == 2 ? setConfigInt(C(section), C(key), number)
@@ -263,9 +262,8 @@ TEST_F(ConfigFile, ReaderAndWriterFollowTheRules) {
 // whole. A short write is reported.
 TEST_F(ConfigFile, WhatCannotBeReadWholeIsNotReplaced) {
     const std::string content = "[S]\r\nk=1\r\n\r\n", unreadable = dir.file("unreadable"), big(200, 'b');
-    const std::string outOfMemory = dir.file("outOfMemory");
-    msptest::WriteFile(unreadable, content);
-    msptest::WriteFile(outOfMemory, content);
+    const std::string outOfMemory = dir.file("outOfMemory"), limited = dir.file("limited");
+    for (const std::string& file : {unreadable, outOfMemory}) msptest::WriteFile(file, content);
     ASSERT_EQ(0, ::chmod(unreadable.c_str(), 0200));
     ASSERT_EQ(0, ::chmod(dir.path().c_str(), 0777));
     ASSERT_TRUE(::geteuid() != 0 || ::chown(unreadable.c_str(), 65534, 65534) == 0);
@@ -273,13 +271,13 @@ TEST_F(ConfigFile, WhatCannotBeReadWholeIsNotReplaced) {
     EXPECT_LE(Lines(dir.path()).size(), 1u);  // every read of a directory stream fails: the line reader stops
     const struct rlimit limit = {64, 64};
     for (const std::string& target :
-         {dir.path(), path, "/proc/self/smaps"s, unreadable, dir.file("limited"), outOfMemory}) {
+         {dir.path(), path, "/proc/self/smaps"s, unreadable, limited, outOfMemory}) {
         deinitializeConfig();
         ASSERT_EQ(CFG_OK, initializeConfig(target.c_str()));
         auto child = [&] {
             int v = 0;
             failNothrowNew = target == outOfMemory;
-            if (target == dir.file("limited"))
+            if (target == limited)
                 return ::signal(SIGXFSZ, SIG_IGN) != SIG_ERR && ::setrlimit(RLIMIT_FSIZE, &limit) == 0 &&
                        createConfigString(C("S"), C("big"), U(big), 200) == CFG_FILE_ERROR;
             if (target == unreadable && ::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0))
@@ -307,9 +305,8 @@ std::string ScanPaths(const std::string& file) {
     return out;
 }
 
-// An empty name becomes the host name; a set one stays, the file not even rewritten. A host name
-// buffer too short fails with nothing written past it. Scan paths: a missing or integer key fails, creating
-// nothing.
+// An empty name becomes the host name; a set one stays, the file not even rewritten. A host name buffer too
+// short fails with nothing written past it. Scan paths: a missing or integer key fails, creating nothing.
 TEST(CommonApis, ServerNameAndScanPaths) {
     msptest::TempDir dir;
     msptest::ScopedChdir cd(dir.path());

@@ -1,7 +1,6 @@
 #include "msplatform/unicode.h"
 
 #include <stdint.h>
-#include <string.h>
 
 #include <random>
 #include <vector>
@@ -34,10 +33,8 @@ template <typename T, typename Convert>
 ::testing::AssertionResult Leaves(std::vector<T> text, size_t size, Convert convert) {
     Guarded<T> out(size);
     const int n = convert(out.data()), expected = static_cast<int>(text.size());
-    T fill;
-    memset(&fill, 0xA5, sizeof fill);
     text.push_back(0);
-    text.resize(size, fill);
+    text.resize(size, static_cast<T>(0xA5A5A5A5u));  // 0xA5 in every byte
     if (n == expected && text == out.all()) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "result " << n << ", expected " << expected;
 }
@@ -108,9 +105,8 @@ TEST(Unicode, NullPointersFail) {
     EXPECT_TRUE(wide[0] == 7 && bytes[0] == 7 && narrow[0] == 7);
 }
 
-// Bytes: ASCII runs across every alignment of the block loops, sequences of every length, cut, overlong,
-// surrogate and above 0x10FFFF ones, lone continuation bytes, leads before ASCII; often a lead cut by the
-// end.
+// ASCII runs across every alignment of the block loops, sequences of every length, cut, overlong, surrogate
+// and above 0x10FFFF ones, lone continuation bytes, leads before ASCII; often a lead cut by the end.
 Bytes RandomBytes(std::mt19937& random, size_t length) {
     auto pick = [&](uint32_t n) { return static_cast<unsigned char>(random() % n); };
     static const Bytes kOdd[] = {{0xC0, 0x80},       {0xE0, 0x80, 0x80},       {0xF0, 0x80, 0x80, 0x80},
@@ -177,8 +173,7 @@ TEST(Unicode, ConversionsFollowTheModels) {
         ASSERT_TRUE(Leaves(encoded, exact ? encoded.size() + 1 : 3 * m + 1, [&](unsigned char* d) {
             return Convert_UCS_UTF8(wide.data(), d);
         })) << round;
-        std::vector<char> narrowed;
-        for (wchar_t u : units) narrowed.push_back(static_cast<char>(u & 0xFF));
+        const std::vector<char> narrowed(units.begin(), units.end());  // the low byte of each unit
         ASSERT_TRUE(Leaves(narrowed, m + 1, [&](char* d) { return Convert_UCS_CHAR(wide.data(), d); }));
         ASSERT_EQ(static_cast<int>(m), Change_BOM(wide.data()));
         ASSERT_EQ(Swapped(units), wide.all()) << round;

@@ -21,9 +21,7 @@ namespace {
 using Model = std::optional<std::string>;
 
 // The interface takes char* but never writes through it: literals, on read-only pages, hold it to that.
-char* T(const char* text) {
-    return const_cast<char*>(text);
-}
+const auto T = [](const char* text) { return const_cast<char*>(text); };
 
 // The null string gains nothing by appends and equals nothing; assigning its own text, a tail of it or the
 // string itself (by a move too) keeps that text; indexing never reaches the last byte; find takes a set of

@@ -40,9 +40,7 @@ std::vector<Piece> Pieces(parser_result* result) {
 std::string Render(const char* base, xml_node* first, bool model) {
     std::vector<xml_node*> all;
     for (xml_node* n = first; n; n = n->next) all.push_back(n);
-    auto at = [&](const char* p, int length) {
-        return std::string(p, size_t(length)) + "@" + std::to_string(p - base);
-    };
+    auto at = [&](const char* p, int size) { return std::string(p, size) + "@" + std::to_string(p - base); };
     auto index = [&](const char* key, const xml_node* to) {
         return to ? key + std::to_string(std::find(all.begin(), all.end(), to) - all.begin()) : "";
     };

@@ -53,7 +53,7 @@ TEST(HTTPUrl, EscapeAndUnescapeFollowTheirRulesAndACountBeyondIntMaxIsMinusOne) 
     const std::string stands = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/@;:=+$-_.*";
     std::mt19937 random(7);
     for (int round = 0; round < 4000; ++round) {
-        std::string text(random() % 14, ' '), escaped, out;
+        std::string text(random() % 14, ' '), escaped, out, decoded;
         for (char& c : text) {
             c = random() % 2 ? "%%%0123456789aFgGx+- \t"[random() % 22] : char(1 + random() % 255);
             char e[4];
@@ -61,7 +61,6 @@ TEST(HTTPUrl, EscapeAndUnescapeFollowTheirRulesAndACountBeyondIntMaxIsMinusOne) 
             escaped += e;
         }
         auto pair = [&](size_t at) { return char(std::strtol(text.substr(at, 2).c_str(), nullptr, 16)); };
-        std::string decoded;
         for (size_t read = 0; read < text.size(); read += text[read] == '%' ? 3 : 1)
             decoded += text[read] != '%' ? text[read] : pair(read + 1);
         msptest::GuardedBytes in = msptest::GuardedBytes::String(text);

@@ -88,11 +88,10 @@ TEST(CliConfigLines, ReadAsTheStoreReadsThem) {
 // apply names each line that the store would drop or read otherwise, each value of another type than its
 // key's, each new name with a blank at an edge, and writes nothing; nor does --dry-run, nor a failed read.
 TEST_F(CliConfig, ApplyAllOrNothing) {
-    const std::string
-        bad =
-            "k=\"x\"\n[upnp]\nname \"x\"\nname=\"x\n=5\n[dms]\nsize=1x\nn=99999999999\nSIZE=2\n[]\n"
-            "k=1\n[dms]\rk=1\na",
-        types = "[dms]\nn=5\nsize=\"1\"\n[upnp]\nserverName=5\n n=1\n[ n]\n";
+    const std::string types = "[dms]\nn=5\nsize=\"1\"\n[upnp]\nserverName=5\n n=1\n[ n]\n";
+    const std::string bad =
+        "k=\"x\"\n[upnp]\nname \"x\"\nname=\"x\n=5\n[dms]\nsize=1x\n"
+        "n=99999999999\nSIZE=2\n[]\nk=1\n[dms]\rk=1\na";
     for (const auto& [input, named] :
          {std::pair(bad + '\0' + "=1\n", "1 3 4 5 7 8 9 10 11 12 13 14 "), std::pair(types, "3 5 6 7 ")}) {
         const MsplatResult r = Msplat("config apply", dir_.path(), input);

@@ -158,11 +158,10 @@ TEST_F(MediaTable, GeneratedTablesMatchTheRules) {
     }
 }
 
-// Only depth counts: the root, a record, a property, whatever their names; an unclosed record is not kept. A
-// stray closing tag or a comment in front of the root shifts every level behind it. A missing or empty file
-// fails, and a later load tries again; the first load by several threads at once reads the file once, under
-// the machine's "MediaMapper"; a loaded table is not read again until released; a record or a value that
-// can't be allocated is all that is lost.
+// Only depth counts: root, record, property, whatever their names; an unclosed record is not kept. A stray
+// closing tag or a comment before the root shifts every level behind it. A missing or empty file fails, a
+// later load retries; threads' first loads at once read the file once, under the machine's "MediaMapper"; a
+// loaded table is not reread until released; a failed allocation loses only its record or value.
 TEST_F(MediaTable, LevelsLoadLifeAndFailedAllocations) {
     for (int i = 0; i < 2; ++i, Write("")) EXPECT_EQ(0, mapper.initialize());
     Write("<F><R><E>mp3</E><P>p</P></R></F>");
@@ -197,6 +196,7 @@ TEST_F(MediaTable, LevelsLoadLifeAndFailedAllocations) {
         failing = fails;
         msptest::CaptureFd message(1);
         EXPECT_EQ(1, mapper.initialize()) << file;
+        message.Finish();  // a mismatch below shows
         EXPECT_EQ(records, Dump(mapper.formatList)) << file;
         mapper.uninitialize();
     }

@@ -52,11 +52,10 @@ protected:
         return &cfg_[0];
     }
     // A logger placed in `path` as a start would, without a configuration.
-    ZvEventLogger& Place(ZvEventLogger& logger, const std::string& path) {
+    void Place(ZvEventLogger& logger, const std::string& path) {
         ::mkdir(logs_.c_str(), 0755);
         logger.logMode = 1, logger.logFileSize = INT_MAX;
         logger.moduleName = strdup("media"), logger.logFilePath = strdup(path.c_str());
-        return logger;
     }
     std::pair<uint32_t, std::string> Add(ZvEventLogger& logger, const std::string& name, uint32_t time) {
         msptest::WriteFile(logs_ + "/" + name, name);
@@ -77,10 +76,9 @@ protected:
     std::string logs_ = dir_.file("logs"), cfg_ = dir_.file("MediaServer.cfg");
 };
 
-// The stamp reads as printf writes it, within the 26 bytes callers give; a time localtime can't convert makes
-// no file. A line ends at its length or first zero byte. A new file is created exclusively: a name taken
-// waits for the next millisecond, a clock that stands still gives up with none open. Threads meeting a
-// rotation at every line lose none.
+// The stamp is as printf writes it, within the 26 bytes callers give; a time localtime can't convert makes no
+// file. A line ends at its length or first zero byte. A new file is made exclusively: a taken name waits for
+// the next millisecond, a stopped clock gives up with none open. Threads rotating at every line lose none.
 TEST_F(LoggerTest, StampsLinesAndNewFilesLoseNothing) {
     std::mt19937_64 random(6);
     ZvEventLogger logger;
@@ -147,8 +145,7 @@ TEST_F(LoggerTest, StartRotationAndDeletionFollowSizeCountAndMode) {
         std::string expected;
     } cases[] = {
         {1, 100, 101, 2, {"a", b, "c"}, odd + "[a|" + b + "|][c|][serverLog.x.0][serverLog.x.1] 4 31 open"},
-        {2, 1, 31, 0, {"m", "m", "m"}, odd + "[] 1 0 open"},  // each line (31 bytes) rotates; the full one
-                                                              // goes
+        {2, 1, 31, 0, {"m", "m", "m"}, odd + "[] 1 0 open"},  // each 31-byte line rotates; the full one goes
         {1, 0, 100000, 1, {"void"}, odd + " 0 34 open"},      // every file goes, the current one too
         {0, 2, 100000, 4, {"no"}, odd + "[serverLog.x.2][serverLog.x.3] 2 0 closed"},
         {1, 100, 100000, -1, {"x"}, "not a directory 0 0 closed"},
@@ -266,9 +263,8 @@ TEST_F(LoggerTest, StaticLoggerFromLoadToExit) {
     delete eventLogger.mutex;  // loggers of other tests removed the semaphore when they ended
     eventLogger.mutex = new Mutex("eventLogger");
     const std::string longer(1100, 'b');
-    char* cfg = Config(1, 100, 100000, logs_);
     auto run = [&] {
-        if (initializeLogger(cfg, kMedia) != 1) return 1;
+        if (initializeLogger(Config(1, 100, 100000, logs_), kMedia) != 1) return 1;
         eventLogOut("value %d of %s", 5, "five");
         errorLogOut("%s", "");
         errorLogOut("%s!", longer.c_str());

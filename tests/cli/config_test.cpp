@@ -47,8 +47,7 @@ TEST_F(CliConfig, ReadAndChangeKeys) {
                 {"set DMS SIZE +2147483647", 0, "", ""},
                 {"set upnp servername -1", 0, "", ""},
                 {"create --int dms low -2147483648", 0, "", ""},
-                {"get Upnp SERVERNAME --file MediaServer.cfg", 0, "-1\n", ""},
-                {"type dms low", 0, "int\n", ""}},
+                {"get Upnp SERVERNAME --file MediaServer.cfg", 0, "-1\n", ""}},
                dir_.path(), "config");
     EXPECT_NE(access(dir_.file("none").c_str(), F_OK), 0);
     EXPECT_EQ(ReadFile(file_),

@@ -95,9 +95,7 @@ TEST_F(CliConfig, ApplyAllOrNothing) {
          {std::pair(bad + '\0' + "=1\n", "1 3 4 5 7 8 9 10 11 12 13 14 "), std::pair(types, "3 5 6 7 ")}) {
         const MsplatResult r = Msplat("config apply", dir_.path(), input);
         const std::regex line("msplat: standard input line (\\d+) \\(");
-        std::string lines;
-        for (std::sregex_iterator m(r.err.begin(), r.err.end(), line), end; m != end; ++m)
-            lines += (*m)[1].str() + " ";
+        const auto lines = std::regex_replace(r.err, line, "$1 ", std::regex_constants::format_no_copy);
         EXPECT_EQ(lines + std::to_string(r.status), named + std::string("2")) << r.err;
     }
     WriteFile(dir_.file("changes"),
@@ -142,12 +140,11 @@ TEST_F(CliConfig, ApplyIsOneTransactionAmongConcurrentSets) {
               "[s]\na=" + n + "\nb=" + n + "\nc=" + n + "\nx0=" + n + "\nx1=" + n + "\n\n[made]\n" + made);
 }
 
-// edit writes the copy back and leaves none behind; or, when the file changed meanwhile, the
-// editor failed or the file could not be written whole (the old bytes go back), writes nothing and says
-// where the edited copy stays.
+// edit writes the copy back and leaves none behind; or, when the file changed meanwhile, the editor failed
+// or the file could not be written whole (the old bytes go back), writes nothing and names the copy it keeps.
 TEST_F(CliConfig, EditWritesBackOrKeepsTheCopy) {
     TempDir tmp;
-    auto edit = [&](const std::string& editor, const std::vector<std::string>& prefix = {}) {
+    auto edit = [&](const std::string& editor, const Strings& prefix = {}) {
         WriteFile(dir_.file("editor"), "#!/bin/sh\n" + editor + "\n");
         chmod(dir_.file("editor").c_str(), 0700);
         return Msplat("config edit", dir_.path(), "",

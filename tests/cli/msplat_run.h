@@ -15,7 +15,9 @@
 
 namespace msptest {
 
-inline std::vector<std::string> Words(const std::string& text) {
+using Strings = std::vector<std::string>;
+
+inline Strings Words(const std::string& text) {
     std::istringstream in(text);
     return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
@@ -23,7 +25,7 @@ inline std::vector<std::string> Words(const std::string& text) {
 constexpr bool kUnderEmulation = sizeof(MSPLAT_EMULATOR) > 1;
 
 // msplat's arguments: the words of a line, or each given whole.
-struct Args : std::vector<std::string> {
+struct Args : Strings {
     Args(const char* line) : vector(Words(line)) {}
     Args(const std::string& line) : vector(Words(line)) {}
     Args(std::initializer_list<std::string> words) : vector(words) {}
@@ -37,10 +39,9 @@ struct MsplatResult {
 // Starts msplat in a child: in `cwd`, standard input, output and error on the files `in`, `out` and `err`,
 // the environment changed by `env` ("NAME=value"), behind `prefix` (a command that runs its arguments).
 inline pid_t StartMsplat(const Args& args, const std::string& in, const std::string& out,
-                         const std::string& err, const std::string& cwd = "",
-                         const std::vector<std::string>& env = {},
-                         const std::vector<std::string>& prefix = {}) {
-    std::vector<std::string> command = prefix, emulator = Words(MSPLAT_EMULATOR);
+                         const std::string& err, const std::string& cwd = "", const Strings& env = {},
+                         const Strings& prefix = {}) {
+    Strings command = prefix, emulator = Words(MSPLAT_EMULATOR);
     command.insert(command.end(), emulator.begin(), emulator.end());
     command.push_back(MSPLAT_PATH);
     command.insert(command.end(), args.begin(), args.end());
@@ -60,8 +61,7 @@ inline pid_t StartMsplat(const Args& args, const std::string& in, const std::str
 
 // Runs msplat as StartMsplat does, with `input` on standard input.
 inline MsplatResult Msplat(const Args& args, const std::string& cwd = "", const std::string& input = "",
-                           const std::vector<std::string>& env = {},
-                           const std::vector<std::string>& prefix = {}) {
+                           const Strings& env = {}, const Strings& prefix = {}) {
     TempDir io;
     WriteFile(io.file("in"), input);
     const int status =

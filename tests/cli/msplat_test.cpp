@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <functional>
 #include <regex>
 #include <string>
 #include <vector>
@@ -72,7 +71,7 @@ TEST_F(CliLog, OneLine) {
     const std::string longest = "100% %s" + std::string(1016, 'y');
     const std::regex name(logs_ + R"(/serverLog\.srv\.\d\d-\d\d-\d{4}\.\d{6}\.\d{3}\.txt\n)");
     const char* asan = getenv("ASAN_OPTIONS");
-    const std::vector<std::string> nolock = {
+    const Strings nolock = {
         kUnderEmulation ? "QEMU_SET_ENV=LD_PRELOAD=" MSPLAT_NOLOCK : "LD_PRELOAD=" MSPLAT_NOLOCK,
         // The preloaded library comes ahead of the sanitizer's runtime.
         std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0",
@@ -103,29 +102,25 @@ TEST_F(CliLog, FollowSeesEveryLineOnceAcrossRotations) {
     std::string expected;
     for (int i = 100; i < 129; ++i) expected += "\t : line " + std::to_string(i) + "\n";
     expected += "\t : partial\n";
-    // The messages that a follower of `args` prints while `body` runs beside it, and once it has ended.
-    auto follow = [&](const std::string& args, const std::function<bool()>& body) {
-        WriteFile(out, "");
-        const pid_t child = StartChild([&] { return body() ? 0 : 1; });
-        const pid_t follower = StartMsplat(args + " --pid " + std::to_string(child), "/dev/null", out, err);
-        EXPECT_EQ(WaitChild(child, 300000), 0);
-        EXPECT_EQ(WaitChild(follower, 60000), 0) << ReadFile(err);
-        return std::regex_replace(ReadFile(out), std::regex(".*\t : "), "\t : ");
-    };
-    auto logger = [&] {
-        if (initializeLogger(const_cast<char*>(config_.c_str()), const_cast<char*>("srv")) != 1) return false;
+    const pid_t logger = StartChild([&] {
+        if (initializeLogger(const_cast<char*>(config_.c_str()), const_cast<char*>("srv")) != 1) return 1;
         for (int i = 100; i < 129;) {
             for (int end = i + (i == 100 ? 5 : 6); i < end; ++i) eventLogOut("line %d", i);
             for (int wait = 0; ReadFile(out).find("line " + std::to_string(i - 1)) == std::string::npos;
                  ++wait)
-                if (wait == 6000 || usleep(10000) != 0) return false;
+                if (wait == 6000 || usleep(10000) != 0) return 1;
         }
         fputs("\t : part", eventLogger.logFile);
         fflush(eventLogger.logFile);
         usleep(300000);  // a few looks at the part
-        return fputs("ial\n", eventLogger.logFile) >= 0 && fflush(eventLogger.logFile) == 0;
-    };
-    EXPECT_EQ(follow("log follow --dir " + logs_ + " --module srv --lines 1000", logger), expected);
+        return fputs("ial\n", eventLogger.logFile) >= 0 && fflush(eventLogger.logFile) == 0 ? 0 : 1;
+    });
+    const pid_t follower = StartMsplat(
+        "log follow --dir " + logs_ + " --module srv --lines 1000 --pid " + std::to_string(logger),
+        "/dev/null", out, err);
+    EXPECT_EQ(WaitChild(logger, 300000), 0);
+    EXPECT_EQ(WaitChild(follower, 60000), 0) << ReadFile(err);
+    EXPECT_EQ(std::regex_replace(ReadFile(out), std::regex(".*\t : "), "\t : "), expected);
 }
 
 // A lock held by a child, and a name without a set; reading changes nothing.

@@ -1,7 +1,6 @@
 // Preloaded into msplat by a test: no lock object can be allocated, so the library works without its locks
-// and prints "cfg initialize failed to get mutex" on standard output, unbuffered, so that the line reaches
-// the descriptor even though msplat never flushes the stream. Each failure adds a byte to the file that
-// MSPLAT_NOLOCK_TRACE names.
+// and prints "cfg initialize failed to get mutex" on stdout, unbuffered so the line reaches the descriptor
+// though msplat never flushes the stream. Each failure adds a byte to the file MSPLAT_NOLOCK_TRACE names.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdio.h>

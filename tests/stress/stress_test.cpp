@@ -33,6 +33,17 @@
 #include "msplatform/mutex.h"
 #include "support/support.h"
 
+using namespace msptest;
+
+// Runs once, in this process, right before the library's next semget that may create a set.
+static std::function<void()> beforeCreate;
+
+// Found before the C library's: the library's objects are linked into this binary.
+extern "C" int semget(key_t key, int count, int flags) noexcept {
+    if ((flags & IPC_CREAT) && beforeCreate) std::exchange(beforeCreate, nullptr)();
+    return static_cast<int>(::syscall(SYS_semget, key, count, flags));
+}
+
 namespace {
 
 constexpr int kChildMs = 120000;  // a process of the stress that hangs fails the test this soon
@@ -63,29 +74,16 @@ T* MapShared(const std::string& path, bool create) {
     return memory == MAP_FAILED ? nullptr : static_cast<T*>(memory);
 }
 
-// Runs once, in this process, right before the library's next semget that may create a set.
-std::function<void()> beforeCreate;
-
-}  // namespace
-
-// Found before the C library's: the library's objects are linked into this binary.
-extern "C" int semget(key_t key, int count, int flags) noexcept {
-    if ((flags & IPC_CREAT) && beforeCreate) std::exchange(beforeCreate, nullptr)();
-    return static_cast<int>(::syscall(SYS_semget, key, count, flags));
-}
-
-namespace {
-
 // ---- lock mechanics across processes, on names of the test's own
 
 // Two processes find no set for one name. The first makes it and takes the lock while the second waits
 // between its failed attach and its create: the second must then find the lock held, not free it again.
 TEST(LockStress, ProcessesMakingOneSetAtOnceExcludeEachOther) {
-    const std::string name = msptest::LockName("stress.race");
-    msptest::TempDir dir;
+    const std::string name = LockName("stress.race");
+    TempDir dir;
     std::atomic<int>* inside = MapShared<std::atomic<int>>(dir.file("inside"), true);
-    msptest::Pipe atCreate, held;
-    const pid_t second = msptest::StartChild([&] {
+    Pipe atCreate, held;
+    const pid_t second = StartChild([&] {
         beforeCreate = [&] {
             atCreate.Send();
             held.Wait(kChildMs);
@@ -95,7 +93,7 @@ TEST(LockStress, ProcessesMakingOneSetAtOnceExcludeEachOther) {
         return m->getid() > 0 && *inside == 0 ? 0 : 1;
     });
     ASSERT_TRUE(atCreate.Wait(kChildMs));
-    const pid_t first = msptest::StartChild([&] {
+    const pid_t first = StartChild([&] {
         Mutex* m = new Mutex(name.c_str());
         m->lock();
         *inside = 1;
@@ -105,27 +103,26 @@ TEST(LockStress, ProcessesMakingOneSetAtOnceExcludeEachOther) {
         m->unlock();
         return 0;
     });
-    EXPECT_EQ(0, msptest::WaitChild(first, kChildMs));
-    EXPECT_EQ(0, msptest::WaitChild(second, kChildMs)) << "the second maker freed a held lock";
-    ::semctl(::semget(msptest::LockKey(name), 0, 0), 0, IPC_RMID);
+    EXPECT_EQ(0, WaitChild(first, kChildMs));
+    EXPECT_EQ(0, WaitChild(second, kChildMs)) << "the second maker freed a held lock";
+    ::semctl(::semget(LockKey(name), 0, 0), 0, IPC_RMID);
 }
 
 // A process that got the lock by waiting holds it: a destructor elsewhere gives up on the set after half a
 // second and leaves it held. When the holder is killed, the set is free, at 1.
 TEST(LockStress, ASetHeldElsewhereOutlivesADestructorAndItsKilledHolder) {
-    const std::string name = msptest::LockName("stress.held");
+    const std::string name = LockName("stress.held");
     Mutex* m = new Mutex(name.c_str());
     const int id = m->getid();
     m->lock();
-    msptest::Pipe holding;
-    const pid_t holder = msptest::StartChild([&] {
+    Pipe holding;
+    const pid_t holder = StartChild([&]() -> int {
         Mutex* mine = new Mutex(name.c_str());
         mine->lock();  // waits, then gives back and takes again without waiting: each step undone at death
         mine->unlock();
         mine->lock();
         holding.Send();
         for (;;) ::pause();
-        return 0;
     });
     for (int i = 0; i < 10000 && ::semctl(id, 0, GETNCNT) < 1; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -136,41 +133,9 @@ TEST(LockStress, ASetHeldElsewhereOutlivesADestructorAndItsKilledHolder) {
     EXPECT_TRUE(NowMs() - start >= 400 && NowMs() - start < 1500) << NowMs() - start << " ms";
     EXPECT_EQ(0, ::semctl(id, 0, GETVAL)) << "a set held elsewhere was removed";
     ::kill(holder, SIGKILL);
-    EXPECT_EQ(msptest::kChildSignalled, msptest::WaitChild(holder, kChildMs));
+    EXPECT_EQ(kChildSignalled, WaitChild(holder, kChildMs));
     EXPECT_EQ(1, ::semctl(id, 0, GETVAL)) << "a killed holder left the set held";
     ::semctl(id, 0, IPC_RMID);
-}
-
-// ---- log lines of several processes
-
-// Checks the log files of `dir`: each line whole, each file ending with one, and in a file the lines of each
-// writer ("<process>.<thread>", numbering them from 0) one after the other. Returns the lines of each writer.
-std::map<std::string, int> CheckLogs(const std::string& dir) {
-    const std::regex whole(
-        std::string(R"(\d\d-\d\d-\d{4} : \d\d:\d\d:\d\d\.\d{3}\t : (\w+\.\d) line (\d+) )") + kPayload);
-    std::map<std::string, int> seen;
-    std::vector<std::string> bad;
-    for (const std::string& name : msptest::ListDir(dir)) {
-        if (name.rfind("serverLog.", 0) != 0) continue;
-        const std::string content = msptest::ReadFile(dir + "/" + name);
-        if (!content.empty() && content.back() != '\n') bad.push_back(name + " ends inside a line");
-        std::istringstream lines(content);
-        std::map<std::string, int> last;  // each writer's last line number in this file
-        std::smatch m;
-        for (std::string line; std::getline(lines, line);) {
-            if (!std::regex_match(line, m, whole)) {
-                bad.push_back(name + ": " + line);
-                continue;
-            }
-            const int i = std::stoi(m[2]);
-            if (!last.emplace(m[1], i).second && ++last[m[1]] != i)
-                bad.push_back(name + ", out of turn: " + line);
-            last[m[1]] = i;
-            ++seen[m[1]];
-        }
-    }
-    EXPECT_TRUE(bad.empty()) << bad.size() << " lines broken, mixed or lost; the first: " << bad[0];
-    return seen;
 }
 
 // ---- the configuration store
@@ -178,13 +143,13 @@ std::map<std::string, int> CheckLogs(const std::string& dir) {
 // While another process rewrites the scan paths between a short and a long form, every answer is a
 // terminated prefix of the long form: a value that grew between its two reads is cut, and ended.
 TEST(ConfigStress, ScanPathsReadWhileAnotherProcessRewritesThem) {
-    msptest::TempDir dir;
-    msptest::ScopedChdir cd(dir.path());
+    TempDir dir;
+    ScopedChdir cd(dir.path());
     const std::string longValue = "/share/a-much-longer-list;/share/of-scan-paths;/share/than-before";
-    msptest::WriteFile("MediaServer.cfg", "[MCM]\nscanPaths=\"\"\n");
+    WriteFile("MediaServer.cfg", "[MCM]\nscanPaths=\"\"\n");
     deinitializeConfig();
     ASSERT_EQ(CFG_OK, initializeConfig("MediaServer.cfg"));
-    const pid_t writer = msptest::StartChild([&] {
+    const pid_t writer = StartChild([&] {
         for (int i = 0; i < 400; ++i)
             setConfigString(C("MCM"), C("scanPaths"), reinterpret_cast<unsigned char*>(C(longValue)),
                             i % 2 ? 2 : int(longValue.size()));
@@ -197,7 +162,7 @@ TEST(ConfigStress, ScanPathsReadWhileAnotherProcessRewritesThem) {
         free(paths);
         ASSERT_EQ(0, longValue.compare(0, got.size(), got)) << got;
     }
-    EXPECT_EQ(0, msptest::WaitChild(writer, kChildMs));
+    EXPECT_EQ(0, WaitChild(writer, kChildMs));
     deinitializeConfig();
 }
 
@@ -225,8 +190,7 @@ struct Board {
     std::atomic<int> lastSet[kSlots], logged[kSlots];  // each slot's last value, and its log lines
 };
 
-// Takes `m` and marks this thread inside `lock`. Another thread found inside is an overlap, unless it is a
-// peer that was killed while holding.
+// Takes `m`. Another thread found inside `lock` is an overlap, unless it is a peer killed while holding.
 void Enter(LockBoard& lock, Mutex& m) {
     m.lock();
     int inside = lock.holder.exchange(::gettid());
@@ -302,7 +266,7 @@ TEST(LockChurn, Peer) {
         // SETVAL. A waiter that makes it again first takes the place: then once more.
         for (int attempt = 0; attempt < 5; ++attempt) {
             delete new Mutex(kLockNames[n]);
-            if (::semget(msptest::LockKey(kLockNames[n]), 1, IPC_CREAT | IPC_EXCL | 0660) > 0) break;
+            if (::semget(LockKey(kLockNames[n]), 1, IPC_CREAT | IPC_EXCL | 0660) > 0) break;
         }
     }
     lock.diedAt = NowMs();
@@ -310,8 +274,8 @@ TEST(LockChurn, Peer) {
 }
 
 // Starts this binary again as a peer with `role`; its output goes to the file "<role>.out" of the directory.
-pid_t StartPeer(const msptest::TempDir& dir, const std::string& role) {
-    return msptest::StartChild([&] {
+pid_t StartPeer(const TempDir& dir, const std::string& role) {
+    return StartChild([&] {
         ::setenv("MSPLATFORM_CHURN_ROLE", role.c_str(), 1);
         ::setenv("MSPLATFORM_CHURN_DIR", dir.path().c_str(), 1);
         const int fd = ::open(dir.file(role + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -321,40 +285,68 @@ pid_t StartPeer(const msptest::TempDir& dir, const std::string& role) {
         std::istringstream emulator(MSPLATFORM_EMULATOR);
         std::vector<std::string> words{std::istream_iterator<std::string>(emulator), {}};
         words.insert(words.end(), {self, "--gtest_filter=LockChurn.Peer"});
-        std::vector<char*> argv;
-        for (std::string& word : words) argv.push_back(word.data());
-        argv.push_back(nullptr);
+        std::vector<char*> argv(words.size() + 1);  // null-terminated
+        for (size_t i = 0; i < words.size(); ++i) argv[i] = words[i].data();
         ::execvp(argv[0], argv.data());
         return 127;
     });
 }
 
+// Checks the log files of `dir`: each line whole, each file ending with one, and in a file the lines of each
+// writer ("<process>.<thread>", numbering them from 0) one after the other. Returns the lines of each writer.
+std::map<std::string, int> CheckLogs(const std::string& dir) {
+    const std::regex whole(
+        std::string(R"(\d\d-\d\d-\d{4} : \d\d:\d\d:\d\d\.\d{3}\t : (\w+\.\d) line (\d+) )") + kPayload);
+    std::map<std::string, int> seen;
+    std::vector<std::string> bad;
+    for (const std::string& name : ListDir(dir)) {
+        if (name.rfind("serverLog.", 0) != 0) continue;
+        const std::string content = ReadFile(dir + "/" + name);
+        if (!content.empty() && content.back() != '\n') bad.push_back(name + " ends inside a line");
+        std::istringstream lines(content);
+        std::map<std::string, int> last;  // each writer's last line number in this file
+        std::smatch m;
+        for (std::string line; std::getline(lines, line);) {
+            if (!std::regex_match(line, m, whole)) {
+                bad.push_back(name + ": " + line);
+                continue;
+            }
+            const int i = std::stoi(m[2]);
+            if (!last.emplace(m[1], i).second && ++last[m[1]] != i)
+                bad.push_back(name + ", out of turn: " + line);
+            last[m[1]] = i;
+            ++seen[m[1]];
+        }
+    }
+    EXPECT_TRUE(bad.empty()) << bad.size() << " lines broken, mixed or lost; the first: " << bad[0];
+    return seen;
+}
+
 TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
     const int rounds = Scaled(20, 50);
-    msptest::TempDir dir;
+    TempDir dir;
     // Small log files, none deleted: processes rotate every dozen lines, often within one millisecond.
     std::string config =
         "[churn]\r\nlogMode=1\r\nlogVerbosity=1\r\nlogFilesCount=1000000\r\nlogFileSize=1000\r\n";
     for (int slot = 0; slot < kSlots; ++slot) config += "K" + std::to_string(slot) + "=0\r\n";
-    msptest::WriteFile(dir.file("MediaServer.cfg"),
-                       config + "logFilePath=\"" + dir.file("logs") +
-                           "\"\r\n\r\n[LANGUAGE]\r\nlanguageFilePath=\"" MSPLATFORM_SOURCE_DIR
-                           "/data/languages.xml\"\r\ncurrentLanguage=\"Deutsch\"\r\n\r\n");
-    msptest::WriteFile(dir.file("MediaFormats.xml"),
-                       msptest::ReadFile(MSPLATFORM_SOURCE_DIR "/data/MediaFormats.xml"));
+    WriteFile(dir.file("MediaServer.cfg"),
+              config + "logFilePath=\"" + dir.file("logs") +
+                  "\"\r\n\r\n[LANGUAGE]\r\nlanguageFilePath=\"" MSPLATFORM_SOURCE_DIR
+                  "/data/languages.xml\"\r\ncurrentLanguage=\"Deutsch\"\r\n\r\n");
+    WriteFile(dir.file("MediaFormats.xml"), ReadFile(MSPLATFORM_SOURCE_DIR "/data/MediaFormats.xml"));
     Board* board = MapShared<Board>(dir.file("board"), true);
     ASSERT_NE(nullptr, board);
     static Mutex* mine[4];  // this process's own objects of the four locks; those of sets found here stay
     bool existed[4];
     for (int n = 0; n < 4; ++n) {
-        existed[n] = ::semget(msptest::LockKey(kLockNames[n]), 0, 0) >= 0;
+        existed[n] = ::semget(LockKey(kLockNames[n]), 0, 0) >= 0;
         mine[n] = new Mutex(kLockNames[n]);
     }
 
     std::vector<pid_t> longLived;
     for (int p = 0; p < kLongLived; ++p)
-        longLived.push_back(msptest::StartChild([&, p] {  // its threads work until the board says stop
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);           // or until this process ends
+        longLived.push_back(StartChild([&, p] {  // its threads work until the board says stop
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // or until this process ends
             Mutex* own[4];
             if (!StartServices(dir.path(), own)) return 1;
             std::vector<std::thread> threads;
@@ -363,7 +355,7 @@ TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
             for (std::thread& thread : threads) thread.join();
             return 0;
         }));
-    int afterDeath[4] = {0, 0, 0, 0};
+    long long afterDeath[4] = {0, 0, 0, 0};
     for (int round = 0; round < rounds; ++round) {
         // Two peers start and exit normally; a third dies holding a lock, or between making it and freeing
         // it. As soon as it is dead, this process takes the lock as a newcomer would.
@@ -374,18 +366,16 @@ TEST(LockChurn, LocksExcludeWhileProcessesComeAndGo) {
         pid_t pids[3];
         for (int i = 0; i < 3; ++i) pids[i] = StartPeer(dir, roles[i]);
         for (int i = 0; i < 3; ++i) {
-            EXPECT_EQ(i == 0 ? msptest::kChildSignalled : 0, msptest::WaitChild(pids[i], kChildMs))
-                << roles[i] << "\n"
-                << msptest::ReadFile(dir.file(roles[i] + ".out"));
+            EXPECT_EQ(i == 0 ? kChildSignalled : 0, WaitChild(pids[i], kChildMs))
+                << roles[i] + "\n" + ReadFile(dir.file(roles[i] + ".out"));
             if (i > 0) continue;
             Enter(board->locks[lock], *mine[lock]);
-            afterDeath[lock] =
-                std::max(afterDeath[lock], static_cast<int>(NowMs() - board->locks[lock].diedAt));
+            afterDeath[lock] = std::max(afterDeath[lock], NowMs() - board->locks[lock].diedAt);
             Leave(board->locks[lock], *mine[lock]);
         }
     }
     board->stop = 1;
-    for (pid_t pid : longLived) EXPECT_EQ(0, msptest::WaitChild(pid, kChildMs));
+    for (pid_t pid : longLived) EXPECT_EQ(0, WaitChild(pid, kChildMs));
     printf("lock churn: %d rounds, %d operations\n", rounds, board->operations.load());
 
     // Every line is there, and every key holds the last value set to it.

@@ -158,8 +158,7 @@ Pipe::Pipe() {
 }
 
 Pipe::~Pipe() {
-    ::close(fd_[0]);
-    ::close(fd_[1]);
+    for (int fd : fd_) ::close(fd);
 }
 
 void Pipe::Send() {

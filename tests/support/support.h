@@ -48,8 +48,7 @@ pid_t StartChild(const std::function<int()>& body);
 
 // Waits for a child at most `timeoutMs`. Returns its exit status; kChildTimedOut after killing a child that
 // outlived the time-out; kChildSignalled when a signal ended it.
-constexpr int kChildTimedOut = -1000;
-constexpr int kChildSignalled = -1001;
+constexpr int kChildTimedOut = -1000, kChildSignalled = -1001;
 int WaitChild(pid_t pid, int timeoutMs);
 
 inline int RunChild(const std::function<int()>& body, int timeoutMs) {
